@@ -1,0 +1,16 @@
+#include "server/globals.h"
+
+int mode = 0;
+int semid = -1;
+uint8_t* local_bit = nullptr;
+uint8_t* local_short = nullptr;
+std::vector<com_port_info> com_info;
+int port_num = 0;
+
+const com_port_info* com_port(int port)
+{
+    if (port < 0 || port >= port_num || static_cast<size_t>(port) >= com_info.size()) {
+        return nullptr;
+    }
+    return &com_info[static_cast<size_t>(port)];
+}
