@@ -1,0 +1,389 @@
+#include "port/com_state.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "server/globals.h"
+#include "server/shm_sem.h"
+#include "store/addressing.h"
+#include "store/data_file.h"
+
+namespace {
+
+time_t system_clock_now() { return time(nullptr); }
+
+constexpr int WRITE_COPY_BYTES = 4096; // the port thread's data buffers are this size
+
+// The state bits live in the segment shared with the parent process and the
+// connection threads, which change their neighbours under the segment
+// semaphore. Each update therefore takes the semaphore for that one bit and
+// changes it with an atomic byte operation. The caller holds no mutex or
+// rwlock that a semaphore holder could wait for.
+void write_local_bit(int n, bool on)
+{
+    if (local_bit == nullptr) {
+        return;
+    }
+    ShmSemGuard guard(semid);
+    if (on) {
+        set_bit(n);
+    } else {
+        clear_bit(n);
+    }
+}
+
+// Bit `bit` (0..15) of little-endian word `word` of local_short.
+void write_local_word_bit(int word, int bit, bool on)
+{
+    if (local_short == nullptr) {
+        return;
+    }
+    ShmSemGuard guard(semid);
+    std::atomic_ref<uint8_t> byte(local_short[word * 2 + bit / 8]);
+    const auto mask = static_cast<uint8_t>(1u << (bit % 8));
+    if (on) {
+        byte.fetch_or(mask);
+    } else {
+        byte.fetch_and(static_cast<uint8_t>(~mask));
+    }
+}
+
+void print_station_change(int plc_id, const char* what)
+{
+    std::printf("Plc(%d) %s\n", plc_id, what);
+    std::printf("[C%d]\r\n", static_cast<int>(com_state_clock()));
+}
+
+int must_com(ComStateItem& item, int interval_div, int max_tries)
+{
+    if ((item.state & 0xF) != COM_STATE_TIMEOUT) {
+        return 1;
+    }
+    ++item.tries;
+    if (item.timeouts <= 3) {
+        return 1; // the first three time-outs are retried at full speed
+    }
+    const auto elapsed =
+        static_cast<int32_t>(static_cast<uint32_t>(com_state_clock()) - item.last_time);
+    if (elapsed < item.interval / interval_div) {
+        return 0;
+    }
+    return (elapsed >= item.interval || item.tries > max_tries) ? 1 : 0;
+}
+
+int find_locked(const VGlobComState& table, uint32_t key)
+{
+    if (table.count < 1 || table.slots < 1 || key == 0) {
+        return -1;
+    }
+    for (int i = 0; i < table.slots; ++i) {
+        if (table.keys[i] == key) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+int add_locked(VGlobComState& table, uint32_t key)
+{
+    if (key == 0) {
+        return 0;
+    }
+    int slot = -1;
+    for (int i = 0; i < table.slots; ++i) {
+        if (table.keys[i] == 0) {
+            slot = i;
+            break;
+        }
+    }
+    if (slot < 0) {
+        if (table.slots >= VGLOB_COM_STATE_SLOTS) {
+            return 0;
+        }
+        slot = table.slots++;
+    }
+    table.keys[slot] = key;
+    ++table.count;
+    return 1;
+}
+
+int rmv_locked(VGlobComState& table, int index)
+{
+    if (index < 0 || index >= VGLOB_COM_STATE_SLOTS || table.keys[index] == 0) {
+        return 0;
+    }
+    table.keys[index] = 0;
+    --table.count;
+    return 1;
+}
+
+} // namespace
+
+com_state_clock_fn com_state_clock = system_clock_now;
+
+int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
+{
+    const int index = ComOper_FindTimeoutItem(op, *addr);
+    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustNormCom(op, index) == 0) {
+        ++op.ng_count;
+        return COM_STATE_TIMEOUT;
+    }
+    DrvRegAddr copy = *addr;
+    const int32_t count = ref->count;
+    const int r = op.read_fn(addr, ref, param);
+    ref->count = count; // a driver may change the count during the call
+
+    int status;
+    if (r != COM_STATE_TIMEOUT) {
+        ComOper_UpdateOk(op, index);
+        status = r == 0 ? 1 : 3;
+    } else {
+        ComOper_UpdateTimeout(op, index, copy);
+        status = 2;
+    }
+    PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, status);
+    return r;
+}
+
+int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
+{
+    const int index = ComOper_FindTimeoutItem(op, *addr);
+    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
+        ++op.ng_count;
+        return COM_STATE_TIMEOUT;
+    }
+    DrvRegAddr copy = *addr;
+    const int r = op.read_fn(addr, ref, param);
+    if (r != COM_STATE_TIMEOUT) {
+        ComOper_UpdateOk(op, index);
+        if (r == 0) {
+            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, 1);
+        }
+    } else {
+        ComOper_UpdateTimeout(op, index, copy);
+    }
+    return r;
+}
+
+int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
+{
+    const int index = ComOper_FindTimeoutItem(op, *addr);
+    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
+        ++op.ng_count;
+        return COM_STATE_TIMEOUT;
+    }
+
+    // Keep what was asked for: the driver may convert its buffer in place,
+    // and the data file records the values in the caller's order.
+    DrvRegAddr copy = *addr;
+    const int32_t count = ref->count;
+    const int bytes = RegAddr_Bytes(*addr, count);
+    const bool recordable = ref->data != nullptr && bytes >= 0 && bytes <= WRITE_COPY_BYTES;
+    std::array<uint8_t, WRITE_COPY_BYTES> sent{};
+    if (recordable) {
+        std::memcpy(sent.data(), ref->data, static_cast<size_t>(bytes));
+    }
+
+    const int max = RegAddr_MaxWidth(*addr, *param);
+    int r;
+    if (max >= 1 && count > max) {
+        DrvRegAddr piece_addr = *addr;
+        uint8_t* pos = ref->data;
+        int remaining = count;
+        r = 0;
+        while (remaining > 0) {
+            const int n = std::min(remaining, max);
+            DrvDataRef piece{n, pos};
+            r = op.write_fn(&piece_addr, &piece, param);
+            if (r == COM_STATE_TIMEOUT) {
+                break;
+            }
+            pos += RegAddr_Bytes(piece_addr, n);
+            RegAddr_Add(piece_addr, n);
+            remaining -= n;
+        }
+    } else {
+        r = op.write_fn(addr, ref, param);
+    }
+
+    if (r != COM_STATE_TIMEOUT) {
+        ComOper_UpdateOk(op, index);
+        if (r == 0 && recordable) {
+            if (is_siemens_driver(param->plc_driver_no) && copy.reg_type == 4 && copy.addr_unit == 1) {
+                simens_change(sent.data(), count);
+            }
+            const DrvDataRef written{count, sent.data()};
+            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, written, 1);
+        }
+    } else {
+        ComOper_UpdateTimeout(op, index, copy);
+    }
+    return r;
+}
+
+int ComOper_FindTimeoutItem(ComOper& op, const DrvRegAddr& addr)
+{
+    int found = -1;
+    for (int i = 0; i < op.item_count; ++i) {
+        const ComStateItem& item = op.items[i];
+        if ((item.state & 0xF) == COM_STATE_TIMEOUT && item.plc_id == addr.plc_id) {
+            found = i;
+            break;
+        }
+    }
+    if (get_bit(LOCAL_BIT_SKIP_ENABLE) == 0) {
+        op.flags &= ~COM_OPER_MULTI_STATION;
+    } else {
+        ComOper_StatPlcs(op, addr);
+    }
+    return found;
+}
+
+int ComOper_MustNormCom(ComOper& op, int index)
+{
+    return index < 0 ? 1 : ComStateItem_MustNormCom(op.items[index]);
+}
+
+int ComOper_MustRtmCom(ComOper& op, int index)
+{
+    return index < 0 ? 1 : ComStateItem_MustRtmCom(op.items[index]);
+}
+
+void ComOper_StatPlcs(ComOper& op, const DrvRegAddr& addr)
+{
+    if (addr.plc_id >= COM_OPER_MAX_ITEMS) {
+        return;
+    }
+    uint32_t& word = op.station_seen[addr.plc_id / 32];
+    const uint32_t mask = 1u << (addr.plc_id % 32);
+    if ((word & mask) != 0) {
+        return;
+    }
+    word |= mask;
+    if (++op.station_count > 1) {
+        op.flags |= COM_OPER_MULTI_STATION;
+    }
+}
+
+void ComOper_UpdateOk(ComOper& op, int index)
+{
+    if (index >= 0 && index < op.item_count) {
+        ComStateItem& item = op.items[index];
+        print_station_change(item.plc_id, "OK");
+        ComStateItem_Update(item, 0);
+        std::copy(op.items + index + 1, op.items + op.item_count, op.items + index);
+        --op.item_count;
+        op.ok_count = 0;
+        op.ng_count = 0;
+    }
+    ++op.ok_count;
+}
+
+void ComOper_UpdateTimeout(ComOper& op, int index, const DrvRegAddr& addr)
+{
+    if (index < 0) {
+        print_station_change(addr.plc_id, "NG");
+        if (op.item_count < COM_OPER_MAX_ITEMS) {
+            ComStateItem_Create(op.items[op.item_count], op.port, addr, COM_STATE_TIMEOUT);
+            ++op.item_count;
+        }
+        op.ok_count = 0;
+        op.ng_count = 0;
+    } else if (index < op.item_count) {
+        ComStateItem_Update(op.items[index], COM_STATE_TIMEOUT);
+    }
+    ++op.ng_count;
+}
+
+void ComStateItem_Create(ComStateItem& item, uint32_t port, const DrvRegAddr& addr, int state)
+{
+    item = ComStateItem{};
+    item.port = port;
+    item.plc_id = addr.plc_id;
+    item.interval = 1;
+    item.timeouts = 1;
+    ComStateItem_Update(item, state);
+}
+
+void ComStateItem_Update(ComStateItem& item, int state)
+{
+    ComStateItem_SetState(item, state);
+    item.last_time = static_cast<uint32_t>(com_state_clock());
+    item.tries = 0;
+    item.interval = static_cast<uint16_t>(std::min(2 * item.interval, 10));
+    if (state == COM_STATE_TIMEOUT) {
+        ++item.timeouts;
+    }
+}
+
+void ComStateItem_SetState(ComStateItem& item, int state)
+{
+    VGlobComState_SetState(VGlobComState_Instance(), ComStateItem_GetKey4ComState(item), state);
+    if (item.port <= 1) {
+        const int word = LOCAL_WORD_STATION_STATE + 16 * static_cast<int>(item.port) + item.plc_id / 16;
+        if (state == 0) {
+            write_local_word_bit(word, item.plc_id % 16, false);
+        } else if (item.timeouts > 3) {
+            write_local_word_bit(word, item.plc_id % 16, true);
+        }
+    } else if (item.port == 2) {
+        write_local_bit(LOCAL_BIT_PORT2_TIMEOUT, state != 0);
+    }
+    SetPortState(static_cast<int>(item.port), state);
+    item.state = (item.state & ~0xFu) | (static_cast<uint32_t>(state) & 0xFu);
+}
+
+int ComStateItem_MustNormCom(ComStateItem& item) { return must_com(item, 2, 99); }
+
+int ComStateItem_MustRtmCom(ComStateItem& item) { return must_com(item, 4, 49); }
+
+uint32_t ComStateItem_GetKey4ComState(const ComStateItem& item)
+{
+    return (item.port + 1) * 65536u + item.plc_id;
+}
+
+VGlobComState& VGlobComState_Instance()
+{
+    static VGlobComState instance;
+    return instance;
+}
+
+int VGlobComState_Find(VGlobComState& table, uint32_t key)
+{
+    std::lock_guard<std::mutex> guard(table.lock);
+    return find_locked(table, key);
+}
+
+int VGlobComState_Add(VGlobComState& table, uint32_t key)
+{
+    std::lock_guard<std::mutex> guard(table.lock);
+    return add_locked(table, key);
+}
+
+int VGlobComState_Rmv(VGlobComState& table, int index)
+{
+    std::lock_guard<std::mutex> guard(table.lock);
+    return rmv_locked(table, index);
+}
+
+void VGlobComState_SetState(VGlobComState& table, uint32_t key, int state)
+{
+    std::lock_guard<std::mutex> guard(table.lock);
+    const int index = find_locked(table, key);
+    if (state != 0 && index < 0) {
+        add_locked(table, key);
+    } else if (state == 0 && index >= 0) {
+        rmv_locked(table, index);
+    }
+}
+
+void SetPortState(int port, int state)
+{
+    if (port < 0 || port > 31) {
+        return;
+    }
+    write_local_bit(LOCAL_BIT_PORT_STATE + port, state != 0);
+}

@@ -1,0 +1,74 @@
+// Commands 1 and 2: register and unregister ranges for cyclic polling.
+#include <cstring>
+#include <mutex>
+
+#include "server/commands.h"
+#include "server/globals.h"
+#include "store/addressing.h"
+#include "tables/table_ops.h"
+
+namespace {
+
+constexpr int MODBUS_DRIVER = 50;
+
+// The largest cache a range may have: one data reply (15 bytes of framing)
+// must hold it, and so must the port thread's 4096-byte buffers.
+constexpr int MAX_RANGE_BYTES = static_cast<int>(PACKET_BUF_SIZE) - 15;
+
+const uint8_t* record_at(const uint8_t* packet, int i) { return packet + 12 + 16 * i; }
+
+} // namespace
+
+bool prepare_record(Connection& c, const uint8_t* rec_bytes)
+{
+    std::memcpy(&c.REG_ADDR_temp, rec_bytes, sizeof(REG_ADDR));
+    bool converted = false;
+    const com_port_info* port = com_port(c.REG_ADDR_temp.deviceport_id);
+    const uint8_t kind = c.REG_ADDR_temp.reg_id;
+    if (port != nullptr && port->plc_driver_no == MODBUS_DRIVER && (kind == 5 || kind == 6)) {
+        c.modbus_orig = c.REG_ADDR_temp;
+        change_REG_ADDR_temp_to_Modbus_Extend(c.REG_ADDR_temp, kind);
+        converted = true;
+    }
+    reg_addr_change(c.REG_ADDR_temp);
+    return converted;
+}
+
+bool range_pollable(const REG_ADDR& rec)
+{
+    if (rec.reg_data_width < 1) {
+        return false;
+    }
+    const int size = cal_commbuf_size(rec);
+    return size >= 1 && size <= MAX_RANGE_BYTES;
+}
+
+void cmd_register(Connection& c, const uint8_t* packet)
+{
+    const int n = records_in_packet(packet);
+    {
+        std::unique_lock lock(rwlock);
+        for (int i = 0; i < n; ++i) {
+            prepare_record(c, record_at(packet, i));
+            if (range_pollable(c.REG_ADDR_temp)) {
+                insert_ORT_FAT(c.REG_ADDR_temp);
+            }
+        }
+    }
+    const size_t len = produce_ack_pack(c.reply, head, register_ok, sizeof register_ok);
+    send_reply(c, c.reply, len);
+}
+
+void cmd_unregister(Connection& c, const uint8_t* packet)
+{
+    if (!table_flag_keep_on_unregister()) {
+        const int n = records_in_packet(packet);
+        std::unique_lock lock(rwlock);
+        for (int i = 0; i < n; ++i) {
+            prepare_record(c, record_at(packet, i));
+            unregister_ORT_FAT(c.REG_ADDR_temp);
+        }
+    }
+    const size_t len = produce_ack_pack(c.reply, head, unregister_ok, sizeof unregister_ok);
+    send_reply(c, c.reply, len);
+}

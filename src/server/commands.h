@@ -1,0 +1,44 @@
+// Client command handlers. Each gets the checked packet (header included)
+// and sends at most one reply on the connection.
+#pragma once
+
+#include <cstdint>
+
+#include "server/connection.h"
+
+void cmd_register(Connection& c, const uint8_t* packet);
+void cmd_unregister(Connection& c, const uint8_t* packet);
+void cmd_com_read(Connection& c, const uint8_t* packet);
+void cmd_realtime_read(Connection& c, const uint8_t* packet);
+void cmd_write(Connection& c, const uint8_t* packet);
+void cmd_realtime_readcheck(Connection& c, const uint8_t* packet);
+void cmd_writecheck(Connection& c, const uint8_t* packet);
+void cmd_com_realtime_read(Connection& c, const uint8_t* packet);
+void cmd_realtime_rw(Connection& c, const uint8_t* packet);
+void cmd_realtime_rw_check(Connection& c, const uint8_t* packet);
+void cmd_sub_read(Connection& c, const uint8_t* packet);
+
+// Number of whole records a count-prefixed request (commands 1, 2, 19)
+// really carries: the count byte, cut to the records inside package_len.
+int records_in_packet(const uint8_t* packet);
+
+// The 16-byte record of a single-record request (commands 3..10).
+REG_ADDR packet_reg_addr(const uint8_t* packet);
+
+// Copies a client record into c.REG_ADDR_temp and normalises it: on a Modbus
+// port (driver 50) kinds 5 and 6 are first turned into the word range that
+// holds the bits (the record as sent is kept in c.modbus_orig). Returns true
+// when that bit-view conversion was made. A port number without a record is
+// treated as a non-Modbus port.
+bool prepare_record(Connection& c, const uint8_t* rec_bytes);
+
+// A range can be polled only when it has at least one register and its data
+// fit the port thread's buffers and one data reply. Other ranges never enter
+// the area tables.
+bool range_pollable(const REG_ADDR& rec);
+
+// reg_id classes.
+inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
+inline bool is_local_area(uint8_t reg_id) { return reg_id == 249 || reg_id == 254 || reg_id == 255; }
+inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
+inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }

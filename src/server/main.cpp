@@ -1,0 +1,174 @@
+// comserver MODE SHMID SEMID
+// Reads the shared configuration, starts one polling thread per usable port,
+// the sweeper, and serves TCP clients, each on its own thread, for ever.
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+#include "can/can_thread.h"
+#include "port/process_thread.h"
+#include "server/connection.h"
+#include "server/globals.h"
+#include "server/paths.h"
+#include "server/shm_sem.h"
+#include "store/local_areas.h"
+#include "tables/sweeper.h"
+#include "tables/tables.h"
+
+namespace {
+
+constexpr size_t CAN_PORT_SLOTS = 5;
+
+template <typename Fn, typename... Args>
+void start_detached(Fn fn, Args... args)
+{
+    try {
+        std::thread(fn, args...).detach();
+    } catch (const std::system_error&) {
+        std::puts("Create thread error\r");
+        std::exit(0);
+    }
+}
+
+void block_sigpipe()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+int open_listener(uint16_t port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) {
+        std::puts("Create listen socket error\r");
+        std::exit(0);
+    }
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_port = htons(port);
+    while (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        std::puts(" Bind socket error\r");
+        ::sleep(1);
+    }
+    if (::listen(fd, 5) != 0) {
+        std::printf("Listening socket error");
+        std::exit(0);
+    }
+    return fd;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    block_sigpipe();
+
+    if (argc < 4) {
+        std::puts("usage: comserver MODE SHMID SEMID\r");
+        std::exit(0);
+    }
+    mode = static_cast<int>(std::strtol(argv[1], nullptr, 10));
+    const int shmid = static_cast<int>(std::strtol(argv[2], nullptr, 10));
+    semid = static_cast<int>(std::strtol(argv[3], nullptr, 10));
+
+    links_init();
+
+    void* seg = ::shmat(shmid, nullptr, 0);
+    if (seg == reinterpret_cast<void*>(-1)) {
+        std::printf("shmat error: %s\r\n", std::strerror(errno));
+        std::exit(0);
+    }
+    auto* base = static_cast<uint8_t*>(seg);
+    auto* hdr = static_cast<shm_head*>(seg);
+    const pid_t pid = ::getpid();
+
+    shmid_ds info{};
+    const size_t seg_size = ::shmctl(shmid, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
+
+    uint16_t tcp_port = 0;
+
+    shm_sem_take(semid);
+    local_bit = base + hdr->local_bit_offset;
+    local_short = base + hdr->local_short_offset;
+    local_areas_init(seg_size, hdr->local_short_offset, hdr->local_bit_offset);
+    tcp_port = hdr->PORT;
+    std::printf("PORT=%d\r\n", static_cast<int16_t>(tcp_port));
+    port_num = hdr->port_num;
+    std::printf("port_num=%d\r\n", port_num);
+    hdr->server_pid = static_cast<uint32_t>(pid);
+    std::puts("release sem");
+    shm_sem_give(semid);
+    std::puts("released");
+
+    com_info.assign(static_cast<size_t>(port_num), com_port_info{});
+    std::array<can_port_arg, CAN_PORT_SLOTS> can_args{};
+    size_t can_count = 0;
+    int spi_fd = -1;
+
+    for (int i = 0; i < port_num; ++i) {
+        com_port_info rec;
+        {
+            ShmSemGuard sem(semid);
+            std::memcpy(&rec, base + SHM_PORT_RECORDS + 32 * static_cast<size_t>(i), sizeof rec);
+        }
+        com_info[static_cast<size_t>(i)] = rec;
+        std::printf("working_mode=%d\r\n", rec.working_mode);
+        std::printf("plc_driver_no=%d\r\n", rec.plc_driver_no);
+
+        if (rec.plc_driver_no == PLC_DRIVER_NONE || rec.working_mode == WORKING_MODE_UNUSED) {
+            continue;
+        }
+        if (rec.working_mode == WORKING_MODE_CAN) {
+            if (can_count == CAN_PORT_SLOTS) {
+                std::printf("too many CAN ports: port %d gets no thread\r\n", i);
+                continue;
+            }
+            if (spi_fd < 0) {
+                spi_fd = ::open(spi_path().c_str(), O_RDWR);
+                if (spi_fd < 0) {
+                    std::puts("open error: can't open the spi file! ");
+                    return 0;
+                }
+            }
+            can_args[can_count] = can_port_arg{rec, spi_fd};
+            start_detached(can_process_thread, static_cast<const can_port_arg*>(&can_args[can_count]));
+            ++can_count;
+            continue;
+        }
+        ::usleep(1000000);
+        start_detached(process_thread, rec);
+    }
+
+    const int listener = open_listener(tcp_port);
+    start_detached(service_thread);
+
+    for (;;) {
+        sockaddr_in peer{};
+        socklen_t peer_len = sizeof peer;
+        const int sock = ::accept(listener, reinterpret_cast<sockaddr*>(&peer), &peer_len);
+        if (sock < 0) {
+            std::puts("Accept error\r");
+            std::perror("perror\r\n");
+            ::sleep(1);
+            continue;
+        }
+        start_detached(request_thread, client_arg{sock, semid, peer});
+    }
+}

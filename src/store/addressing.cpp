@@ -1,0 +1,281 @@
+#include "store/addressing.h"
+
+#include <cstdio>
+
+#include "server/globals.h"
+
+namespace {
+
+// Signed 32-bit arithmetic that wraps instead of overflowing.
+int32_t wrap_add(int32_t a, int32_t b)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+int32_t wrap_mul(int32_t a, int32_t b)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+// Shared part of the read and write normalisation. grow_width: a byte address
+// that falls inside a 4-byte cell makes the range span one more cell.
+void normalise_addr(REG_ADDR& rec, bool grow_width)
+{
+    const int u = rec.addr_unit;
+    const int w = rec.reg_type;
+    if (u != 1 && u != 2 && u != 4) {
+        return;
+    }
+    if (u == 1 && w == 4) {
+        const int32_t offset = rec.reg_addr_start % 4;
+        rec.byte_offset = static_cast<uint16_t>(offset);
+        if (grow_width && offset != 0) {
+            rec.reg_data_width = static_cast<int16_t>(rec.reg_data_width + 1);
+        }
+    }
+    if (w == 0) {
+        puts("reg_addr_change org_reg_addr->reg_type should not be zero!");
+        return;
+    }
+    rec.reg_addr_start = wrap_mul(rec.reg_addr_start, u) / w;
+}
+
+} // namespace
+
+int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width)
+{
+    const int n = reg_data_width;
+    int size = 0;
+    switch (reg_type) {
+    case 0:
+        size = (n % 8 == 0) ? n / 8 : n / 8 + 1;
+        break;
+    case 1:
+    case 2:
+    case 4:
+        size = n * reg_type;
+        break;
+    default:
+        size = 0;
+        break;
+    }
+    return static_cast<int16_t>(size);
+}
+
+int16_t cal_commbuf_size(const REG_ADDR& rec)
+{
+    return cal_commbuf_size(rec.reg_type, rec.reg_data_width);
+}
+
+void reg_addr_change(REG_ADDR& rec)
+{
+    normalise_addr(rec, true);
+}
+
+void write_reg_addr_change(REG_ADDR& rec)
+{
+    // A write covers exactly the elements the client sent.
+    normalise_addr(rec, false);
+}
+
+void change_REG_ADDR_temp_to_Modbus_Extend(REG_ADDR& rec, uint8_t /*reg_id*/)
+{
+    const int32_t s = rec.reg_addr_start;
+    const int32_t bits = wrap_add(s % 16, rec.reg_data_width);
+    rec.reg_id = static_cast<uint8_t>(rec.reg_id - 2);
+    rec.reg_type = 2;
+    rec.reg_data_width = static_cast<int16_t>(bits / 16 + (bits % 16 != 0 ? 1 : 0));
+    rec.reg_addr_start = s / 16;
+}
+
+int change_Modbus_Extend_to_REG_ADDR_temp(DrvRegAddr& addr, int count)
+{
+    addr.reg_id = static_cast<uint8_t>(addr.reg_id + 2);
+    addr.reg_type = 0;
+    addr.reg_addr_start = wrap_mul(addr.reg_addr_start, 16);
+    return wrap_mul(count, 16);
+}
+
+int RegAddr_IsModbusExtend(int port, const DrvRegAddr& addr)
+{
+    const com_port_info* info = com_port(port);
+    if (info == nullptr || info->plc_driver_no != 50) {
+        return 0;
+    }
+    return (addr.reg_id == 3 || addr.reg_id == 4) ? 1 : 0;
+}
+
+int RegAddr_MaxWidth(const DrvRegAddr& addr, const PlcParam& param)
+{
+    if (addr.reg_type == 0) {
+        return param.max_bits;
+    }
+    const int bytes = param.plc_driver_no > 1000 ? 32 : 2 * param.max_words;
+    return bytes / addr.reg_type;
+}
+
+int RegAddr_Bytes(const DrvRegAddr& addr, int count)
+{
+    switch (addr.reg_type) {
+    case 0:
+        return static_cast<int>((static_cast<uint32_t>(count) + 7u) / 8u);
+    case 1:
+    case 2:
+    case 4:
+        return wrap_mul(count, addr.reg_type);
+    default:
+        return 0;
+    }
+}
+
+void RegAddr_Add(DrvRegAddr& addr, int count)
+{
+    if (addr.reg_type == 0) {
+        addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
+        return;
+    }
+    if (addr.addr_unit == 0) {
+        // No address unit: the address is counted in register elements
+        // already (as for the client's address), so it moves by count.
+        addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
+        return;
+    }
+    const uint32_t step = static_cast<uint32_t>(count) * addr.reg_type / addr.addr_unit;
+    addr.reg_addr_start = wrap_add(addr.reg_addr_start, static_cast<int32_t>(step));
+}
+
+void simens_change(uint8_t* buf, int n)
+{
+    for (int i = 0; i < n; ++i) {
+        uint8_t* e = buf + 4 * static_cast<size_t>(i);
+        const uint8_t b0 = e[0];
+        const uint8_t b1 = e[1];
+        e[0] = e[2];
+        e[1] = e[3];
+        e[2] = b0;
+        e[3] = b1;
+    }
+}
+
+void int_to_char_bigending(uint8_t* out, uint32_t value)
+{
+    out[0] = static_cast<uint8_t>(value >> 24);
+    out[1] = static_cast<uint8_t>(value >> 16);
+    out[2] = static_cast<uint8_t>(value >> 8);
+    out[3] = static_cast<uint8_t>(value);
+}
+
+uint32_t char_to_int_bigending(const uint8_t* in)
+{
+    return (static_cast<uint32_t>(in[0]) << 24) | (static_cast<uint32_t>(in[1]) << 16) |
+           (static_cast<uint32_t>(in[2]) << 8) | static_cast<uint32_t>(in[3]);
+}
+
+void short_to_char_bigending(uint8_t* out, uint16_t value)
+{
+    out[0] = static_cast<uint8_t>(value >> 8);
+    out[1] = static_cast<uint8_t>(value);
+}
+
+int char_to_short_bigending(const uint8_t* in)
+{
+    return static_cast<int16_t>(static_cast<uint16_t>(in[0] << 8 | in[1]));
+}
+
+// Negative bit numbers name no bit of the array; such calls do nothing.
+void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out)
+{
+    if (count < 1 || first < 0) {
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
+        out[i] = (bits[b / 8] >> (b % 8)) & 1u;
+    }
+}
+
+void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first)
+{
+    if (count < 1 || first < 0) {
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
+        const auto mask = static_cast<uint8_t>(1u << (b % 8));
+        if (in[i] & 1u) {
+            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] | mask);
+        } else {
+            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] & ~mask);
+        }
+    }
+}
+
+// The bit area lives in the shared segment, which the parent process writes
+// too. On a little-endian word, bit n % 32 of word n / 32 is bit n % 8 of
+// byte n / 8, so each primitive touches exactly one byte; set and clear are
+// atomic on that byte so that concurrent updates of neighbouring bits by
+// threads of this process never undo each other.
+uint32_t get_bit(int n)
+{
+    if (local_bit == nullptr || n < 0) {
+        return 0;
+    }
+    const uint8_t byte = __atomic_load_n(&local_bit[n / 8], __ATOMIC_ACQUIRE);
+    if ((byte >> (n % 8)) & 1u) {
+        return 1u << (n % 32);
+    }
+    return 0;
+}
+
+void set_bit(int n)
+{
+    if (local_bit == nullptr || n < 0) {
+        return;
+    }
+    const auto mask = static_cast<uint8_t>(1u << (n % 8));
+    __atomic_fetch_or(&local_bit[n / 8], mask, __ATOMIC_ACQ_REL);
+}
+
+void clear_bit(int n)
+{
+    if (local_bit == nullptr || n < 0) {
+        return;
+    }
+    const auto mask = static_cast<uint8_t>(~(1u << (n % 8)));
+    __atomic_fetch_and(&local_bit[n / 8], mask, __ATOMIC_ACQ_REL);
+}
+
+int GetMin(int a, int b)
+{
+    return a < b ? a : b;
+}
+
+int GetMax(int a, int b)
+{
+    return a > b ? a : b;
+}
+
+bool is_siemens_driver(int plc_driver_no)
+{
+    switch (plc_driver_no) {
+    case 1:
+    case 21:
+    case 169:
+    case 450:
+    case 452:
+    case 454:
+    case 456:
+    case 480:
+    case 510:
+    case 522:
+    case 550:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool is_s2_driver(int plc_driver_no)
+{
+    return plc_driver_no == 38 || plc_driver_no == 39 || plc_driver_no == 57;
+}

@@ -1,0 +1,471 @@
+#include "store/local_mem.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <limits>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "server/globals.h"
+#include "server/paths.h"
+#include "server/protocol.h"
+#include "server/shm_sem.h"
+#include "store/addressing.h"
+#include "store/local_areas.h"
+
+namespace {
+
+constexpr size_t REPLY_BUF_SIZE = 1500;
+constexpr int64_t SRAM_BIT_BUF_BITS = 2048;     // 128 words of bit staging
+constexpr int64_t SRAM_HEADER_WORDS = 512;      // header region before word 0
+constexpr int64_t SRAM_WORD_SPACE = int64_t{1} << 32;
+constexpr int64_t SRAM_BASE_WORD = 9000;        // words 9000 (low) and 9001 (high)
+
+enum class Access { done, refused, no_sram };
+
+// What one request touches, before any area is consulted.
+struct Span {
+    bool words = false;   // reg_type 2: n 16-bit words; otherwise n bits
+    int64_t start = 0;    // s
+    int64_t count = 0;    // n
+    size_t size = 0;      // data bytes, as cal_commbuf_size gives them
+};
+
+// cal_commbuf_size without the 16-bit cut, so oversized ranges are seen as such.
+int64_t range_bytes(const REG_ADDR& rec)
+{
+    const int64_t n = rec.reg_data_width;
+    switch (rec.reg_type) {
+    case 0: return (n + 7) / 8;
+    case 1: return n;
+    case 2: return 2 * n;
+    case 4: return 4 * n;
+    default: return 0;
+    }
+}
+
+// Checks the request against the data limit (the reply data and the packed
+// bits must both fit in `limit` bytes) and, for the SRAM, the bit staging limit.
+bool make_span(const REG_ADDR& rec, size_t limit, bool sram, Span& sp)
+{
+    sp.words = rec.reg_type == 2;
+    sp.start = rec.reg_addr_start;
+    sp.count = rec.reg_data_width;
+    if (sp.start < 0 || sp.count < 0) {
+        return false;
+    }
+    const int64_t size = range_bytes(rec);
+    const int64_t packed = sp.words ? 0 : (sp.count + 7) / 8;
+    const auto lim = static_cast<int64_t>(limit);
+    if (size > lim || packed > lim) {
+        return false;
+    }
+    if (sram && !sp.words && sp.start % 16 + sp.count > SRAM_BIT_BUF_BITS) {
+        return false;
+    }
+    sp.size = static_cast<size_t>(size);
+    return true;
+}
+
+bool bit_of(const uint8_t* p, int64_t b)
+{
+    return ((p[b >> 3] >> (b & 7)) & 1) != 0;
+}
+
+void put_bit(uint8_t* p, int64_t b, bool v)
+{
+    const auto mask = static_cast<uint8_t>(1u << (b & 7));
+    if (v) {
+        p[b >> 3] |= mask;
+    } else {
+        p[b >> 3] &= static_cast<uint8_t>(~mask);
+    }
+}
+
+uint16_t le16(const uint8_t* p)
+{
+    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+}
+
+// ---- local areas (caller holds the semaphore) ----
+
+bool is_local_id(uint8_t id) { return id == 249 || id == 254 || id == 255; }
+
+bool local_in_bounds(const REG_ADDR& rec, const Span& sp)
+{
+    if (!is_local_id(rec.reg_id)) {
+        return false;
+    }
+    const int64_t end = sp.start + sp.count;
+    if (sp.words || rec.reg_id == 249) {
+        const auto bytes = static_cast<int64_t>(local_short_size());
+        return local_short != nullptr && (sp.words ? end * 2 : (end + 7) / 8) <= bytes;
+    }
+    return local_bit != nullptr && (end + 7) / 8 <= static_cast<int64_t>(local_bit_size());
+}
+
+// Words are copied; bits are ORed into dst, which the caller has zeroed.
+void fetch_local(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
+{
+    if (sp.words) {
+        std::memcpy(dst, local_short + sp.start * 2, sp.size);
+        return;
+    }
+    for (int64_t i = 0; i < sp.count; ++i) {
+        const int64_t b = sp.start + i;
+        const bool v = rec.reg_id == 249 ? bit_of(local_short, b) : get_bit(static_cast<int>(b)) != 0;
+        if (v) {
+            put_bit(dst, i, true);
+        }
+    }
+}
+
+void store_local(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
+{
+    if (sp.words) {
+        std::memcpy(local_short + sp.start * 2, src, sp.size);
+        return;
+    }
+    for (int64_t i = 0; i < sp.count; ++i) {
+        const int64_t b = sp.start + i;
+        const bool v = bit_of(src, i);
+        if (rec.reg_id == 249) {
+            put_bit(local_short, b, v);
+        } else if (v) {
+            set_bit(static_cast<int>(b));
+        } else {
+            clear_bit(static_cast<int>(b));
+        }
+    }
+}
+
+// ---- SRAM (caller holds the semaphore) ----
+
+class SramFile {
+public:
+    SramFile() : fd_(::open(sram_path().c_str(), O_RDWR)) {}
+    ~SramFile()
+    {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    SramFile(const SramFile&) = delete;
+    SramFile& operator=(const SramFile&) = delete;
+    bool ok() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+struct SramSpan {
+    off_t offset = 0;     // file byte of the first word
+    int64_t words = 0;    // words touched
+    int64_t bit0 = 0;     // first bit inside the first word (bit access)
+};
+
+// B = word 9000 + 65536 * word 9001, both taken unsigned.
+bool sram_base(int64_t& base)
+{
+    const auto need = static_cast<size_t>((SRAM_BASE_WORD + 2) * 2);
+    if (local_short == nullptr || local_short_size() < need) {
+        return false;
+    }
+    const uint8_t* p = local_short + SRAM_BASE_WORD * 2;
+    base = static_cast<int64_t>(le16(p)) + 65536 * static_cast<int64_t>(le16(p + 2));
+    return true;
+}
+
+bool sram_locate(const REG_ADDR& rec, const Span& sp, SramSpan& out)
+{
+    int64_t base = 0;
+    if ((rec.reg_id == 250 || rec.reg_id == 251) && !sram_base(base)) {
+        return false;
+    }
+    const int64_t s = sp.start;
+    int64_t first = 0;
+    switch (rec.reg_id) {
+    case 250: first = (base * 16 + s) / 16; break;  // bits counted from word B
+    case 251: first = base + s; break;              // words counted from word B
+    case 252: first = s / 16; break;                // bits from data word 0
+    case 253: first = s; break;                     // words from data word 0
+    default: return false;
+    }
+    out.bit0 = sp.words ? 0 : s % 16;
+    if (sp.words) {
+        out.words = sp.count;
+    } else {
+        out.words = sp.count == 0 ? 0 : (out.bit0 + sp.count + 15) / 16;
+    }
+    if (first + out.words > SRAM_WORD_SPACE) {
+        return false;
+    }
+    const int64_t offset = (first + SRAM_HEADER_WORDS) * 2;
+    if (offset + out.words * 2 > std::numeric_limits<off_t>::max()) {
+        return false;
+    }
+    out.offset = static_cast<off_t>(offset);
+    return true;
+}
+
+// Short or failed reads leave the zeroed buffers as they are.
+void sram_pread(int fd, uint8_t* buf, size_t len, off_t offset)
+{
+    const ssize_t got = ::pread(fd, buf, len, offset);
+    (void)got;
+}
+
+void sram_pwrite(int fd, const uint8_t* buf, size_t len, off_t offset)
+{
+    const ssize_t put = ::pwrite(fd, buf, len, offset);
+    (void)put;
+}
+
+Access fetch_sram(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
+{
+    SramFile f;
+    if (!f.ok()) {
+        std::puts("SRAM open error\r");
+        return Access::no_sram;
+    }
+    SramSpan at;
+    if (!sram_locate(rec, sp, at)) {
+        return Access::refused;
+    }
+    if (sp.words) {
+        sram_pread(f.fd(), dst, sp.size, at.offset);
+        return Access::done;
+    }
+    uint8_t wbuf[SRAM_BIT_BUF_BITS / 8] = {};
+    sram_pread(f.fd(), wbuf, static_cast<size_t>(at.words * 2), at.offset);
+    for (int64_t i = 0; i < sp.count; ++i) {
+        if (bit_of(wbuf, at.bit0 + i)) {
+            put_bit(dst, i, true);
+        }
+    }
+    return Access::done;
+}
+
+Access store_sram(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
+{
+    SramFile f;
+    if (!f.ok()) {
+        std::puts("SRAM open error\r");
+        return Access::no_sram;
+    }
+    SramSpan at;
+    if (!sram_locate(rec, sp, at)) {
+        return Access::refused;
+    }
+    if (sp.words) {
+        sram_pwrite(f.fd(), src, sp.size, at.offset);
+        return Access::done;
+    }
+    // Read the touched words, change only the range's bits, write them back.
+    uint8_t wbuf[SRAM_BIT_BUF_BITS / 8] = {};
+    const auto len = static_cast<size_t>(at.words * 2);
+    sram_pread(f.fd(), wbuf, len, at.offset);
+    for (int64_t i = 0; i < sp.count; ++i) {
+        put_bit(wbuf, at.bit0 + i, bit_of(src, i));
+    }
+    sram_pwrite(f.fd(), wbuf, len, at.offset);
+    return Access::done;
+}
+
+// ---- replies ----
+
+void send_packet(int fd, const uint8_t* p, size_t len)
+{
+    const ssize_t sent = ::send(fd, p, len, MSG_NOSIGNAL);
+    (void)sent;
+}
+
+void send_status(int fd, const uint8_t* status)
+{
+    uint8_t reply[PACKET_HEADER_SIZE + 4] = {};
+    send_packet(fd, reply, produce_ack_pack(reply, head, status, 4));
+}
+
+// [command][0][3][sum]: the refusal of a range outside the areas.
+void send_refusal(int fd, uint8_t command)
+{
+    uint8_t status[4] = {command, 0, 3, 0};
+    status[3] = check_sum(status, 3);
+    send_status(fd, status);
+}
+
+void send_data(int fd, uint8_t command, const uint8_t* data, size_t size)
+{
+    uint8_t reply[REPLY_BUF_SIZE] = {};
+    send_packet(fd, reply, produce_read_ack_pack(reply, head, static_cast<uint16_t>(size), command, data));
+}
+
+// Appends a data entry (ok) or the error entry [0][3] to a command-19 reply
+// and records its body offset in the offset table. A data entry that would
+// not fit (checksum byte included) becomes the error entry.
+size_t append_entry(uint8_t* reply, size_t write_pos, int item_index, uint16_t& running_offset,
+                    const uint8_t* data, size_t size, bool ok)
+{
+    const auto slot = PACKET_HEADER_SIZE + 2 + 2 * static_cast<size_t>(item_index);
+    if (item_index < 0 || slot + 2 > PACKET_BUF_SIZE) {
+        return 0;
+    }
+    if (ok && write_pos + 3 + size + 1 > PACKET_BUF_SIZE) {
+        ok = false;
+    }
+    if (write_pos + 2 + 1 > PACKET_BUF_SIZE) {
+        return 0;
+    }
+    reply[slot] = static_cast<uint8_t>(running_offset & 0xFF);
+    reply[slot + 1] = static_cast<uint8_t>(running_offset >> 8);
+    size_t len = 2;
+    if (ok) {
+        len = produce_sub_read_ack_pack(reply + write_pos, static_cast<uint16_t>(size), data);
+    } else {
+        reply[write_pos] = 0;
+        reply[write_pos + 1] = 3;
+    }
+    running_offset = static_cast<uint16_t>(running_offset + len);
+    return len;
+}
+
+void stage_write(uint8_t* dst, const uint8_t* data, int data_len)
+{
+    const auto n = std::min<size_t>(static_cast<size_t>(std::max(data_len, 0)), LOCAL_DATA_MAX);
+    if (n > 0) {
+        std::memcpy(dst, data, n);
+    }
+}
+
+} // namespace
+
+void read_local_mem(const REG_ADDR& rec, int fd, uint8_t command)
+{
+    uint8_t data[LOCAL_DATA_MAX] = {};
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
+        send_refusal(fd, command);
+        return;
+    }
+    fetch_local(rec, sp, data);
+    send_data(fd, command, data, sp.size);
+}
+
+void read_sram(const REG_ADDR& rec, int fd, uint8_t command)
+{
+    uint8_t data[LOCAL_DATA_MAX] = {};
+    ShmSemGuard sem(semid);
+    Span sp;
+    const Access a = make_span(rec, LOCAL_DATA_MAX, true, sp) ? fetch_sram(rec, sp, data) : Access::refused;
+    if (a == Access::done) {
+        send_data(fd, command, data, sp.size);
+    } else if (a == Access::refused) {
+        send_refusal(fd, command);
+    }
+}
+
+size_t sub_read_local_mem(const REG_ADDR& rec, uint8_t* reply_packet, size_t write_pos,
+                          int item_index, uint16_t& running_offset)
+{
+    uint8_t data[LOCAL_DATA_MAX] = {};
+    ShmSemGuard sem(semid);
+    Span sp;
+    const bool ok = make_span(rec, LOCAL_DATA_MAX, false, sp) && local_in_bounds(rec, sp);
+    if (ok) {
+        fetch_local(rec, sp, data);
+    }
+    return append_entry(reply_packet, write_pos, item_index, running_offset, data, sp.size, ok);
+}
+
+size_t bat_read_sram(const REG_ADDR& rec, uint8_t* reply_packet, size_t write_pos,
+                     int item_index, uint16_t& running_offset)
+{
+    uint8_t data[LOCAL_DATA_MAX] = {};
+    ShmSemGuard sem(semid);
+    Span sp;
+    const Access a = make_span(rec, LOCAL_DATA_MAX, true, sp) ? fetch_sram(rec, sp, data) : Access::refused;
+    if (a == Access::no_sram) {
+        return 0;
+    }
+    return append_entry(reply_packet, write_pos, item_index, running_offset, data, sp.size,
+                        a == Access::done);
+}
+
+bool read_local_mem_rw(const REG_ADDR& rec, uint8_t* buf, size_t buf_size)
+{
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, std::min(buf_size, LOCAL_DATA_MAX), false, sp) || !local_in_bounds(rec, sp)) {
+        return false;
+    }
+    fetch_local(rec, sp, buf);
+    return true;
+}
+
+bool read_sram_rw(const REG_ADDR& rec, uint8_t* buf, size_t buf_size)
+{
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, std::min(buf_size, LOCAL_DATA_MAX), true, sp)) {
+        return false;
+    }
+    return fetch_sram(rec, sp, buf) != Access::refused;
+}
+
+void write_local_mem(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len)
+{
+    std::printf("start=%d\r\n", rec.reg_addr_start);
+    uint8_t src[LOCAL_DATA_MAX] = {};
+    stage_write(src, data, data_len);
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
+        send_refusal(fd, CMD_WRITE);
+        return;
+    }
+    if (!sp.words && rec.reg_id == 249) {
+        std::printf("length=%d\r\n", rec.reg_data_width);
+    }
+    store_local(rec, sp, src);
+    send_status(fd, write_success);
+}
+
+void write_sram(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len)
+{
+    uint8_t src[LOCAL_DATA_MAX] = {};
+    stage_write(src, data, data_len);
+    ShmSemGuard sem(semid);
+    Span sp;
+    const Access a = make_span(rec, LOCAL_DATA_MAX, true, sp) ? store_sram(rec, sp, src) : Access::refused;
+    if (a == Access::done) {
+        send_status(fd, write_success);
+    } else if (a == Access::refused) {
+        send_refusal(fd, CMD_WRITE);
+    }
+}
+
+bool write_local_mem_rw(const REG_ADDR& rec, const uint8_t* buf, size_t buf_size)
+{
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, std::min(buf_size, LOCAL_DATA_MAX), false, sp) || !local_in_bounds(rec, sp)) {
+        return false;
+    }
+    store_local(rec, sp, buf);
+    return true;
+}
+
+bool write_sram_rw(const REG_ADDR& rec, const uint8_t* buf, size_t buf_size)
+{
+    ShmSemGuard sem(semid);
+    Span sp;
+    if (!make_span(rec, std::min(buf_size, LOCAL_DATA_MAX), true, sp)) {
+        return false;
+    }
+    return store_sram(rec, sp, buf) != Access::refused;
+}

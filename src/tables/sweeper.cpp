@@ -1,0 +1,113 @@
+// Stale-range sweeper and table dumps.
+#include "tables/sweeper.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "tables/realtime_list.h"
+#include "tables/table_ops.h"
+
+int sweep_period_seconds()
+{
+    const char* text = std::getenv("COMSERVER_SWEEP_SECONDS");
+    if (text == nullptr)
+        return 30;
+    char* end = nullptr;
+    long value = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || value <= 0 || value > 86400)
+        return 30;
+    return static_cast<int>(value);
+}
+
+namespace {
+
+void sweep_ranges()
+{
+    std::unique_lock lock(rwlock);
+    ORG_node* node = ORT_link_head->next;
+    while (node != ORT_link_tail) {
+        if (node->age <= 1) {
+            node->age++;
+            node = node->next;
+            continue;
+        }
+        ORG_node* next = node->next;
+        FAT_node* fat = find_FAT(node);
+        puts(" service: delete ort");
+        if (fat != nullptr)
+            delete_ORT_FAT(fat, node);
+        else
+            delete_ORG(node);   // orphan range: cannot happen on a consistent table
+        node = next;
+    }
+}
+
+void sweep_realtime()
+{
+    std::lock_guard lock(mutex);
+    RORT_node* node = RORT_link_head->next;
+    while (node != RORT_link_tail) {
+        RORT_node* next = node->next;
+        if (node->age > 2)
+            delete_realtime_link(node);
+        else if (node->status != 0)
+            node->age++;   // pending requests never age
+        node = next;
+    }
+}
+
+} // namespace
+
+void sweep_once()
+{
+    // One lock after the other, never both at once.
+    sweep_ranges();
+    sweep_realtime();
+}
+
+void service_thread()
+{
+    const int period = sweep_period_seconds();
+    for (;;) {
+        sleep(period);
+        sweep_once();
+    }
+}
+
+void through_FAT()
+{
+    puts("though FAT: \r");
+    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
+        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d\r\n",
+               f->deviceport_id, f->plc_id, f->reg_type, f->reg_id);
+    puts("\r");
+}
+
+void through_ORG()
+{
+    puts("though ORG: \r");
+    for (ORG_node* o = ORT_link_head->next; o != ORT_link_tail; o = o->next) {
+        const REG_ADDR& r = o->reg_addr;
+        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d, reg_addr_start=%d,"
+               "reg_data_width=%d, temp->status=%d\r\n",
+               r.deviceport_id, r.plc_id, r.reg_type, r.reg_id, r.reg_addr_start,
+               r.reg_data_width, o->status);
+    }
+    puts("\r");
+}
+
+void through_OPT(OPT_node* head, OPT_node* tail)
+{
+    puts("though OPT: \r");
+    for (OPT_node* o = head->next; o != tail; o = o->next) {
+        const REG_ADDR& r = o->reg_addr;
+        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d, reg_addr_start=%d,"
+               "reg_data_width=%d, \r\n",
+               r.deviceport_id, r.plc_id, r.reg_type, r.reg_id, r.reg_addr_start,
+               r.reg_data_width);
+    }
+    puts("\r");
+}

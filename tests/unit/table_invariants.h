@@ -1,0 +1,182 @@
+// Test helpers for the area tables: a checker of every ordering and linkage
+// rule the FAT and ORG lists must keep, and a reset that empties the global
+// lists between tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "server/globals.h"
+#include "store/addressing.h"
+#include "tables/table_ops.h"
+#include "tables/tables.h"
+
+namespace table_test {
+
+inline uint32_t key_of(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
+{
+    return (uint32_t{port} << 24) | (uint32_t{plc} << 16) | (uint32_t{type} << 8) | id;
+}
+inline uint32_t key_of(const REG_ADDR& r) { return key_of(r.deviceport_id, r.plc_id, r.reg_type, r.reg_id); }
+inline uint32_t key_of(const FAT_node& f) { return key_of(f.deviceport_id, f.plc_id, f.reg_type, f.reg_id); }
+
+inline REG_ADDR make_rec(uint8_t port, uint8_t plc, uint8_t type, uint8_t id, int32_t start,
+                         int16_t width, uint8_t bcd = 0)
+{
+    REG_ADDR r{};
+    r.deviceport_id = port;
+    r.plc_id = plc;
+    r.reg_type = type;
+    r.reg_id = id;
+    r.reg_addr_start = start;
+    r.reg_data_width = width;
+    r.bcd_flag = bcd;
+    return r;
+}
+
+// Checks the FAT and ORG lists against every rule they must keep. Usable after
+// any sequence of registrations, unregistrations, sweeps and rebuilds.
+inline testing::AssertionResult tables_consistent()
+{
+    auto fail = [](const std::string& what, uint32_t key = 0) {
+        std::ostringstream m;
+        m << what << " (area 0x" << std::hex << key << ")";
+        return testing::AssertionFailure() << m.str();
+    };
+    if (FAT_link_head->prev || FAT_link_tail->next || ORT_link_head->prev || ORT_link_tail->next ||
+        FAT_link_head->org_first != ORT_link_head || FAT_link_tail->org_first != ORT_link_tail)
+        return fail("sentinels changed");
+
+    // ORG list: links, groups in area order, ranges ordered, no duplicates.
+    std::vector<ORG_node*> orgs;
+    std::set<ORG_node*> live{ORT_link_head};
+    std::set<std::string> records;
+    for (ORG_node* o = ORT_link_head; o != ORT_link_tail; o = o->next) {
+        if (o->next == nullptr || o->next->prev != o)
+            return fail("ORG links broken");
+        if (o == ORT_link_head)
+            continue;
+        const REG_ADDR& c = o->reg_addr;
+        if (o->data == nullptr)
+            return fail("ORG node without cache", key_of(c));
+        if (!records.insert(std::string(reinterpret_cast<const char*>(&c), sizeof c)).second)
+            return fail("duplicate record", key_of(c));
+        if (!orgs.empty()) {
+            const REG_ADDR& p = orgs.back()->reg_addr;
+            if (key_of(p) > key_of(c))
+                return fail("ORG groups out of area order", key_of(c));
+            if (key_of(p) == key_of(c) &&
+                (p.reg_addr_start > c.reg_addr_start ||
+                 (p.reg_addr_start == c.reg_addr_start && p.reg_data_width < c.reg_data_width)))
+                return fail("ranges out of order at " + std::to_string(c.reg_addr_start), key_of(c));
+        }
+        orgs.push_back(o);
+        live.insert(o);
+    }
+
+    // FAT list: links, strictly ascending keys, each area's group and org_first.
+    std::set<uint32_t> fat_keys;
+    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next) {
+        if (f->next == nullptr || f->next->prev != f)
+            return fail("FAT links broken");
+        const uint32_t k = key_of(*f);
+        if (f->prev != FAT_link_head && key_of(*f->prev) >= k)
+            return fail("FAT keys not strictly ascending", k);
+        fat_keys.insert(k);
+        ORG_node* first = nullptr;
+        for (ORG_node* o : orgs)
+            if (key_of(o->reg_addr) == k) {
+                first = o;
+                break;
+            }
+        if (f->change_state == 2) {
+            if (first != nullptr)
+                return fail("change_state 2 with ranges", k);
+            // Parked on a live node (or the head) that sorts before the area.
+            if (live.count(f->org_first) == 0)
+                return fail("emptied area parked on a freed node", k);
+            if (f->org_first != ORT_link_head && key_of(f->org_first->reg_addr) >= k)
+                return fail("emptied area parked after its place", k);
+        } else if (f->change_state == 0 || f->change_state == 1) {
+            if (first == nullptr)
+                return fail("empty area without change_state 2", k);
+            if (f->org_first != first)
+                return fail("org_first is not the group's first node", k);
+        } else {
+            return fail("bad change_state " + std::to_string(f->change_state), k);
+        }
+    }
+    if (FAT_link_head->next->prev != FAT_link_head)
+        return fail("FAT links broken");
+    for (ORG_node* o : orgs)
+        if (fat_keys.count(key_of(o->reg_addr)) == 0)
+            return fail("ORG node without FAT node", key_of(o->reg_addr));
+    return testing::AssertionSuccess();
+}
+
+// The ranges of the ORG list, in list order, as "start/width" strings.
+inline std::vector<std::string> org_ranges()
+{
+    std::vector<std::string> out;
+    for (ORG_node* o = ORT_link_head->next; o != ORT_link_tail; o = o->next)
+        out.push_back(std::to_string(o->reg_addr.reg_addr_start) + "/" +
+                      std::to_string(o->reg_addr.reg_data_width));
+    return out;
+}
+
+inline int fat_count()
+{
+    int n = 0;
+    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
+        ++n;
+    return n;
+}
+
+// Empties the FAT and ORG lists (first use: creates them). ORG nodes go
+// through delete_ORG; FAT nodes, which only a port thread's rebuild pass
+// frees in the server, are unlinked here directly.
+inline void reset_area_tables()
+{
+    if (FAT_link_head == nullptr) {
+        links_init();
+        return;
+    }
+    while (ORT_link_head->next != ORT_link_tail)
+        delete_ORG(ORT_link_head->next);
+    while (FAT_link_head->next != FAT_link_tail) {
+        FAT_node* f = FAT_link_head->next;
+        FAT_link_head->next = f->next;
+        f->next->prev = FAT_link_head;
+        delete f;
+    }
+}
+
+// Points the global local bit area at a zeroed buffer for the test's life.
+class LocalBits {
+public:
+    LocalBits() : saved_(local_bit) { local_bit = buf_; }
+    ~LocalBits() { local_bit = saved_; }
+    LocalBits(const LocalBits&) = delete;
+    LocalBits& operator=(const LocalBits&) = delete;
+
+    // Table flag bit 12: new ranges start valid.
+    void set_new_range_valid(bool on)
+    {
+        // Bit 12 of the little-endian word at byte 1156 is bit 4 of byte 1157.
+        if (on)
+            buf_[1157] |= 0x10;
+        else
+            buf_[1157] &= static_cast<uint8_t>(~0x10);
+    }
+
+private:
+    uint8_t* saved_;
+    uint8_t buf_[2048]{};
+};
+
+} // namespace table_test
