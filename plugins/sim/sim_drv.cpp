@@ -61,10 +61,25 @@ SimStation station_of(uint32_t bus, uint16_t station)
     return SimStation{bus, station, 0, 0, b.controlled ? SIM_ERROR : SIM_OK, 0};
 }
 
+// Time one exchange takes on the simulated line when the station has no
+// delay of its own: COMSERVER_SIM_LINE_US microseconds, default 500. A real
+// line never answers at once, and a port thread polling an instant driver
+// would only burn CPU.
+uint32_t line_time_us()
+{
+    static const uint32_t us = [] {
+        const char* v = std::getenv("COMSERVER_SIM_LINE_US");
+        return v != nullptr ? static_cast<uint32_t>(std::strtoul(v, nullptr, 10)) : 500u;
+    }();
+    return us;
+}
+
 void pause_ms(uint32_t ms)
 {
     if (ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    else if (line_time_us() != 0)
+        std::this_thread::sleep_for(std::chrono::microseconds(line_time_us()));
 }
 
 int32_t mem_read(uint32_t bus, uint16_t station, uint8_t reg_id, uint8_t reg_type, int32_t start,

@@ -204,12 +204,17 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
                 const int n = bounded_bits(len, group_cap, bs - gs, block_cap, 0);
                 tessel_bit_cpy(g->data, buf, n, static_cast<int>(bs - gs));
             }
-        } else if (r.addr_unit != 0) {
+        } else {
             // Registers are addressed in units of addr_unit bytes: find the
-            // group's registers that the block's address names.
-            const int64_t slot = r.reg_type == 4 ? 4 : 2;
+            // group's registers that the block's address names. A group whose
+            // addresses count registers (no unit of 1, 2 or 4 bytes) steps by
+            // one register. Register i sits at i times its width in the cache.
+            const int64_t step_unit = (r.addr_unit == 1 || r.addr_unit == 2 || r.addr_unit == 4)
+                                          ? r.addr_unit
+                                          : r.reg_type;
+            const int64_t slot = unit;
             for (int64_t i = 0; i < r.reg_data_width; ++i) {
-                if (gs + i * r.reg_type / r.addr_unit != bs) {
+                if (gs + i * r.reg_type / step_unit != bs) {
                     continue;
                 }
                 g->status = st;

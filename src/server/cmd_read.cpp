@@ -1,11 +1,17 @@
 // Read commands: cached reads (3, 19), realtime reads (4, 6) and the cached
 // read with realtime fall-back (8).
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <mutex>
+#include <shared_mutex>
 
+#include "port/com_state.h"
 #include "server/commands.h"
 #include "server/reply_data.h"
 #include "store/addressing.h"
 #include "store/local_mem.h"
+#include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 
 namespace {
@@ -14,6 +20,152 @@ void send_status(Connection& c, const uint8_t* packet4)
 {
     const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
     send_reply(c, c.reply, len);
+}
+
+void send_refusal(Connection& c, uint8_t command)
+{
+    const size_t len = produce_refusal_pack(c.reply, command);
+    send_reply(c, c.reply, len);
+}
+
+// Queues a realtime read of rec for its port thread. The caller holds mutex.
+// The client's answer does not depend on whether the list kept the request.
+void queue_realtime_read(const REG_ADDR& rec)
+{
+    insert_realtime_link(new_realtime_node(cal_commbuf_size(rec)), rec, 0);
+}
+
+// True when a port thread has the record's PLC station in time-out.
+bool plc_in_timeout(const REG_ADDR& rec)
+{
+    ComStateItem item{};
+    item.port = rec.deviceport_id;
+    item.plc_id = rec.plc_id;
+    return VGlobComState_Find(VGlobComState_Instance(), ComStateItem_GetKey4ComState(item)) >= 0;
+}
+
+bool same_station(const REG_ADDR& a, const REG_ADDR& b)
+{
+    return a.deviceport_id == b.deviceport_id && a.plc_id == b.plc_id;
+}
+
+int64_t range_end(const REG_ADDR& r)
+{
+    return int64_t{r.reg_addr_start} + r.reg_data_width;
+}
+
+enum class CacheAnswer { Sent, NoReply, NotCached };
+
+// Answers command 8 from the ORG caches when cached ranges with valid data
+// cover the whole request. The caller holds rwlock (shared).
+CacheAnswer serve_from_caches(Connection& c, const REG_ADDR& rec)
+{
+    const int32_t start = rec.reg_addr_start;
+    ORG_node* node = ORT_link_head->next;
+    for (; node != ORT_link_tail; node = node->next) {
+        const REG_ADDR& o = node->reg_addr;
+        if (same_station(o, rec) && o.bcd_flag == rec.bcd_flag && o.reg_id == rec.reg_id &&
+            o.reg_addr_start <= start && start < range_end(o)) {
+            break;
+        }
+    }
+    if (node == ORT_link_tail) {
+        return CacheAnswer::NotCached;
+    }
+    if (rec.reg_type != 0 && rec.reg_type != 2 && rec.reg_type != 4) {
+        return CacheAnswer::NoReply;
+    }
+
+    const int size = cal_commbuf_size(rec);
+    const int elem = rec.reg_type;  // bytes per element; 0 for bits
+    uint8_t scratch[PACKET_BUF_SIZE] = {};
+    for (int i = 0; i < rec.reg_data_width; ++i) {
+        // Register numbers of the walk are 16-bit: a start beyond 32767
+        // wraps negative and is never found in a cache.
+        const auto a = static_cast<int16_t>(static_cast<uint32_t>(start) + static_cast<uint32_t>(i));
+        // Move on to the range that holds element a. Ranges of one area are
+        // ordered by start, so shorter ranges inside the one just used are
+        // passed over.
+        while (node != ORT_link_tail && a >= range_end(node->reg_addr) &&
+               same_area(node->reg_addr, rec)) {
+            node = node->next;
+        }
+        if (node == ORT_link_tail) {
+            return CacheAnswer::NotCached;
+        }
+        const REG_ADDR& o = node->reg_addr;
+        if (!same_area(o, rec) || o.reg_addr_start > a || a >= range_end(o) || node->status != 1) {
+            return CacheAnswer::NotCached;
+        }
+        const int e = a - o.reg_addr_start;
+        if (elem == 0) {
+            if ((node->data[e / 8] >> (e % 8)) & 1) {
+                scratch[i / 8] = static_cast<uint8_t>(scratch[i / 8] | (1u << (i % 8)));
+            }
+        } else {
+            std::memcpy(scratch + i * elem, node->data + e * elem, static_cast<size_t>(elem));
+        }
+    }
+
+    // The data choice follows the range in use at the end of the walk; the
+    // byte offset is the request's own.
+    REG_ADDR form = rec;
+    form.addr_unit = node->reg_addr.addr_unit;
+    const size_t len = produce_node_reply(c.reply, CMD_COM_REALTIME_READ, form, scratch, size);
+    send_reply(c, c.reply, len);
+    return CacheAnswer::Sent;
+}
+
+// Writes entry i of the command-19 reply for a PLC record: a data entry
+// from the range's cache, or an error entry. Returns the bytes the entry
+// occupies (a data entry always takes 3 + the cache size).
+size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbus_view)
+{
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    auto error_entry = [&](uint8_t err) -> size_t {
+        entry[0] = 0;
+        entry[1] = err;
+        return 2;
+    };
+    if (!range_pollable(rec)) {
+        return error_entry(3);
+    }
+    // Looked up before taking rwlock: the time-out table has a lock of its own.
+    const bool timed_out = plc_in_timeout(rec);
+
+    std::unique_lock lock(rwlock);
+    const OrtFatResult r = insert_ORT_FAT(rec);
+    if (r.created || r.org == nullptr) {
+        return error_entry(1);
+    }
+    ORG_node* o = r.org;
+    o->age = 0;
+    int s = o->status;
+    if (s == 1 && timed_out) {
+        s = 2;  // the station does not answer: its cached data are not offered
+    }
+    switch (s) {
+    case 1: break;
+    case 0: return error_entry(1);
+    case 2: return error_entry(2);
+    default: return error_entry(3);
+    }
+
+    const int size = cal_commbuf_size(rec);
+    if (static_cast<size_t>(size) + 3 > room) {
+        return error_entry(3);
+    }
+    if (modbus_view) {
+        const int count = c.modbus_orig.reg_data_width;
+        if (count < 1 || (count + 7) / 8 > size) {
+            return error_entry(3);
+        }
+        produce_sub_read_ack_pack_Modbus_Extend(entry, static_cast<uint16_t>(count), o->data,
+                                                c.modbus_orig.reg_addr_start % 16);
+    } else {
+        produce_node_sub_entry(entry, o->reg_addr, o->data, size);
+    }
+    return static_cast<size_t>(size) + 3;
 }
 
 } // namespace
@@ -41,7 +193,8 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
 
     std::unique_lock lock(rwlock);
     const OrtFatResult r = insert_ORT_FAT(rec);
-    if (r.created) {
+    if (r.created || r.org == nullptr) {
+        // A range that could not be registered (no memory) has no data yet either.
         send_status(c, com_read_err_01);
         return;
     }
@@ -59,7 +212,131 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
     }
 }
 
-void cmd_realtime_read(Connection&, const uint8_t*) {}
-void cmd_realtime_readcheck(Connection&, const uint8_t*) {}
-void cmd_com_realtime_read(Connection&, const uint8_t*) {}
-void cmd_sub_read(Connection&, const uint8_t*) {}
+
+void cmd_realtime_read(Connection& c, const uint8_t* packet)
+{
+    std::lock_guard lock(mutex);
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    reg_addr_change(c.REG_ADDR_temp);
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    if (is_local_area(rec.reg_id)) {
+        read_local_mem(rec, c.sock, CMD_REALTIME_READ);
+        return;
+    }
+    if (is_sram_area(rec.reg_id)) {
+        read_sram(rec, c.sock, CMD_REALTIME_READ);
+        return;
+    }
+    if (!is_plc_area(rec.reg_id)) {
+        return;
+    }
+    if (!range_pollable(rec)) {
+        send_refusal(c, CMD_REALTIME_READ);
+        return;
+    }
+    queue_realtime_read(rec);
+    send_status(c, realtime_read_err_01);
+}
+
+void cmd_realtime_readcheck(Connection& c, const uint8_t* packet)
+{
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    reg_addr_change(c.REG_ADDR_temp);
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+
+    std::lock_guard lock(mutex);
+    RORT_node* r = find_realtime_link(rec, ::rw_oper{}, 0);
+    if (r == nullptr) {
+        std::puts("REAL_WRITE Don't find the realtime_req 0x6\r");
+        send_status(c, realtime_readcheck_err_03);
+        return;
+    }
+    switch (r->status) {
+    case 0:
+        send_status(c, realtime_readcheck_err_01);
+        return;
+    case 1: {
+        const size_t len = produce_node_reply(c.reply, CMD_REALTIME_READCHECK, r->reg_addr, r->data,
+                                              cal_commbuf_size(rec));
+        send_reply(c, c.reply, len);
+        break;
+    }
+    case 2: send_status(c, realtime_readcheck_err_02); break;
+    default: send_status(c, realtime_readcheck_err_03); break;
+    }
+    delete_realtime_link(r);
+}
+
+void cmd_com_realtime_read(Connection& c, const uint8_t* packet)
+{
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    reg_addr_change(c.REG_ADDR_temp);
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    if (is_local_area(rec.reg_id)) {
+        read_local_mem(rec, c.sock, CMD_COM_REALTIME_READ);
+        return;
+    }
+    if (is_sram_area(rec.reg_id)) {
+        read_sram(rec, c.sock, CMD_COM_REALTIME_READ);
+        return;
+    }
+    if (!is_plc_area(rec.reg_id)) {
+        return;
+    }
+    if (!range_pollable(rec)) {
+        send_refusal(c, CMD_COM_REALTIME_READ);
+        return;
+    }
+    {
+        std::shared_lock lock(rwlock);
+        if (serve_from_caches(c, rec) != CacheAnswer::NotCached) {
+            return;
+        }
+    }
+    // rwlock is released before mutex is taken: never both at once.
+    std::puts("insert_realtime\r");
+    std::lock_guard lock(mutex);
+    queue_realtime_read(rec);
+    send_status(c, com_realtime_read_err_01);
+}
+
+void cmd_sub_read(Connection& c, const uint8_t* packet)
+{
+    uint8_t* reply = c.reply;
+    std::memset(reply, 0, sizeof c.reply);
+    std::memcpy(reply, head, PACKET_HEADER_SIZE);
+    const int n = records_in_packet(packet);
+    uint8_t* body = reply + PACKET_HEADER_SIZE;
+    body[0] = CMD_SUB_READ;
+    body[1] = static_cast<uint8_t>(n);
+
+    // L: body offset of the next entry; the checksum byte must stay inside
+    // the reply buffer.
+    uint16_t L = static_cast<uint16_t>(2 + 2 * n);
+    constexpr size_t body_room = PACKET_BUF_SIZE - PACKET_HEADER_SIZE - 1;
+    for (int i = 0; i < n; ++i) {
+        const bool modbus_view = prepare_record(c, packet + 12 + 16 * i);
+        const REG_ADDR& rec = c.REG_ADDR_temp;
+        const size_t pos = PACKET_HEADER_SIZE + L;
+        if (is_local_area(rec.reg_id)) {
+            sub_read_local_mem(rec, reply, pos, i, L);
+        } else if (is_sram_area(rec.reg_id)) {
+            bat_read_sram(rec, reply, pos, i, L);
+        } else if (is_plc_area(rec.reg_id)) {
+            const size_t room = body_room - L;
+            if (room < 2) {
+                continue;  // the reply is full: no entry, offset stays 0
+            }
+            const size_t used = sub_read_plc_entry(c, body + L, room, modbus_view);
+            body[2 + 2 * i] = static_cast<uint8_t>(L & 0xff);
+            body[3 + 2 * i] = static_cast<uint8_t>(L >> 8);
+            L = static_cast<uint16_t>(L + used);
+        }
+        // A record naming no area gets no entry: its offset stays 0.
+    }
+    body[L] = check_sum(body, L);
+    const uint16_t package_len = static_cast<uint16_t>(L + 1);
+    reply[8] = static_cast<uint8_t>(package_len & 0xff);
+    reply[9] = static_cast<uint8_t>(package_len >> 8);
+    send_reply(c, reply, PACKET_HEADER_SIZE + 1 + L);
+}

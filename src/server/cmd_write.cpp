@@ -1,7 +1,189 @@
 // Write and read-modify-write commands (5, 7, 9, 10).
-#include "server/commands.h"
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
 
-void cmd_write(Connection&, const uint8_t*) {}
-void cmd_writecheck(Connection&, const uint8_t*) {}
-void cmd_realtime_rw(Connection&, const uint8_t*) {}
-void cmd_realtime_rw_check(Connection&, const uint8_t*) {}
+#include "server/commands.h"
+#include "server/reply_data.h"
+#include "store/addressing.h"
+#include "store/local_mem.h"
+#include "store/rw_operation.h"
+#include "tables/realtime_list.h"
+
+namespace {
+
+// The port thread moves a request's data through 4096-byte buffers.
+constexpr int REQUEST_DATA_MAX = 4096;
+
+void send_status(Connection& c, const uint8_t* packet4)
+{
+    const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
+    send_reply(c, c.reply, len);
+}
+
+void send_refusal(Connection& c, uint8_t command)
+{
+    const size_t len = produce_refusal_pack(c.reply, command);
+    send_reply(c, c.reply, len);
+}
+
+// A PLC request is queued only when its data fit the port thread's buffers.
+bool request_size_ok(const REG_ADDR& rec)
+{
+    const int size = cal_commbuf_size(rec);
+    return size >= 1 && size <= REQUEST_DATA_MAX;
+}
+
+// The read-modify-write block of commands 9 and 10; a request of fewer than
+// 42 body bytes leaves out the value type, which is then 0.
+::rw_oper packet_rw_block(const uint8_t* packet)
+{
+    ::rw_oper block{};
+    const size_t n = parse_package_len(packet) >= 42 ? sizeof block : sizeof block - 4;
+    std::memcpy(&block, packet + 27, n);
+    return block;
+}
+
+} // namespace
+
+void cmd_write(Connection& c, const uint8_t* packet)
+{
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    write_reg_addr_change(c.REG_ADDR_temp);
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    const uint8_t* data = packet + 27;
+    const int data_len = std::max(cal_write_data_length(packet), 0);
+    if (is_local_area(rec.reg_id)) {
+        write_local_mem(rec, c.sock, data, data_len);
+        return;
+    }
+    if (is_sram_area(rec.reg_id)) {
+        write_sram(rec, c.sock, data, data_len);
+        return;
+    }
+    if (!is_plc_area(rec.reg_id)) {
+        return;
+    }
+    if (!request_size_ok(rec)) {
+        send_refusal(c, CMD_WRITE);
+        return;
+    }
+
+    std::lock_guard lock(mutex);
+    // The port thread copies the range's size from the request's data, so the
+    // buffer holds at least that much; what the client did not send is 0.
+    RORT_node* node = new_realtime_node(std::max<int>(cal_commbuf_size(rec), data_len));
+    if (node != nullptr) {
+        std::memcpy(node->data, data, static_cast<size_t>(data_len));
+    }
+    insert_realtime_link(node, rec, 1);
+    send_status(c, write_err_01);
+}
+
+void cmd_writecheck(Connection& c, const uint8_t* packet)
+{
+    // Normalised like the write itself, so that a check finds its write even
+    // for a byte address inside a 32-bit register.
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    write_reg_addr_change(c.REG_ADDR_temp);
+
+    std::lock_guard lock(mutex);
+    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, ::rw_oper{}, 1);
+    if (r == nullptr) {
+        std::puts("REAL_WRITE Don't find the realtime_req 0x7\r");
+        send_status(c, writecheck_err_03);
+        return;
+    }
+    std::printf(" 0x7:status=%d\r\n", r->status);
+    switch (r->status) {
+    case 0:
+        send_status(c, writecheck_err_01);
+        return;
+    case 1: send_status(c, writecheck_success); break;
+    case 2: send_status(c, writecheck_err_02); break;
+    default: send_status(c, writecheck_err_03); break;
+    }
+    delete_realtime_link(r);
+}
+
+void cmd_realtime_rw(Connection& c, const uint8_t* packet)
+{
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    reg_addr_change(c.REG_ADDR_temp);
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    c.rw_block = packet_rw_block(packet);
+    std::memset(c.value_buf, 0, sizeof c.value_buf);
+
+    const bool local = is_local_area(rec.reg_id);
+    if (local || is_sram_area(rec.reg_id)) {
+        // Read and write each take the segment semaphore on their own; mutex
+        // only orders the reply with the other commands' replies.
+        bool ok = local ? read_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
+                        : read_sram_rw(rec, c.value_buf, sizeof c.value_buf);
+        if (ok) {
+            process_rw_operation(rec, c.value_buf, c.rw_block, 0);
+            ok = local ? write_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
+                       : write_sram_rw(rec, c.value_buf, sizeof c.value_buf);
+        }
+        std::lock_guard lock(mutex);
+        if (!ok) {
+            send_refusal(c, CMD_REALTIME_RW);
+            return;
+        }
+        const size_t len =
+            produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(c.rw_block.direction), CMD_REALTIME_RW);
+        send_reply(c, c.reply, len);
+        return;
+    }
+    if (!is_plc_area(rec.reg_id)) {
+        return;
+    }
+    if (!request_size_ok(rec)) {
+        send_refusal(c, CMD_REALTIME_RW);
+        return;
+    }
+
+    std::lock_guard lock(mutex);
+    RORT_node* node = new_realtime_node(cal_commbuf_size(rec));
+    if (node != nullptr) {
+        node->rw_oper = c.rw_block;
+    }
+    insert_realtime_link(node, rec, 2);
+    send_status(c, realtime_rw_err_01);
+}
+
+void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
+{
+    c.REG_ADDR_temp = packet_reg_addr(packet);
+    reg_addr_change(c.REG_ADDR_temp);
+    c.rw_block = packet_rw_block(packet);
+
+    std::lock_guard lock(mutex);
+    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, c.rw_block, 2);
+    if (r == nullptr) {
+        std::puts("REAL_WRITE Don't find the realtime_req 0xa\r");
+        send_status(c, realtime_rw_check_err_03);
+        return;
+    }
+    switch (r->status) {
+    case 0:
+        send_status(c, realtime_rw_check_err_01);
+        return;
+    case 1: {
+        const size_t len = produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(r->rw_oper.direction),
+                                               CMD_REALTIME_RW_CHECK);
+        send_reply(c, c.reply, len);
+        break;
+    }
+    case 2:
+        std::puts("Write timeout\r");
+        send_status(c, realtime_rw_check_err_02);
+        break;
+    default:
+        std::puts("Write Error\r");
+        send_status(c, realtime_rw_check_err_03);
+        break;
+    }
+    delete_realtime_link(r);
+}

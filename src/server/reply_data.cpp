@@ -37,3 +37,19 @@ size_t produce_node_reply(uint8_t* out, uint8_t command, const REG_ADDR& rec, co
     return form == ReplyForm::Swapped ? produce_read_ack_pack_simens(out, head, n, command, scratch)
                                       : produce_read_ack_pack(out, head, n, command, scratch);
 }
+
+size_t produce_node_sub_entry(uint8_t* entry, const REG_ADDR& rec, const uint8_t* data, int size)
+{
+    uint8_t scratch[PACKET_BUF_SIZE];
+    size = std::clamp(size, 0, static_cast<int>(PACKET_BUF_SIZE - 15));
+    const ReplyForm form = choose_reply_data(rec, data, size, scratch);
+    const auto n = static_cast<uint16_t>(size);
+    return form == ReplyForm::Swapped ? produce_sub_read_ack_pack_simens(entry, n, scratch)
+                                      : produce_sub_read_ack_pack(entry, n, scratch);
+}
+
+size_t produce_refusal_pack(uint8_t* out, uint8_t command)
+{
+    const uint8_t status[4] = {command, 0, 3, static_cast<uint8_t>(command + 3)};
+    return produce_ack_pack(out, head, status, 4);
+}

@@ -17,3 +17,12 @@ ReplyForm choose_reply_data(const REG_ADDR& rec, const uint8_t* data, int size, 
 
 // Data reply (commands 3, 4, 6, 8) for a node's data, with the form chosen above.
 size_t produce_node_reply(uint8_t* out, uint8_t command, const REG_ADDR& rec, const uint8_t* data, int size);
+
+// Data entry of the multi-area reply (command 19) for a node's data, with the
+// form chosen above: [1][u16 size][size bytes]. Returns 3 + size.
+size_t produce_node_sub_entry(uint8_t* entry, const REG_ADDR& rec, const uint8_t* data, int size);
+
+// [command][0][3][sum]: the answer to a request the server refuses to serve
+// (for example a range whose data cannot be handled), built like the fixed
+// err 3 status packets.
+size_t produce_refusal_pack(uint8_t* out, uint8_t command);

@@ -63,6 +63,8 @@ public:
     // Connected socket to the server's listener, retried until the deadline; -1 on failure.
     int connect_client(std::chrono::milliseconds deadline = std::chrono::seconds(15)) const;
 
+    // Extra environment for comhost/comserver, set before start() (e.g. files under dir()).
+    void set_env(const std::string& key, const std::string& value) { cfg_.env[key] = value; }
     const std::string& dir() const { return dir_; }
     int tcp_port() const { return cfg_.tcp_port; }
     pid_t server_pid() const { return server_pid_; }

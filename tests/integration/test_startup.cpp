@@ -1,12 +1,15 @@
 // Start-up of the real server through the real parent process.
 #include <cerrno>
 #include <fstream>
+#include <string>
+#include <vector>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "rig.h"
@@ -150,4 +153,63 @@ TEST(Startup, NoIpcObjectsOrProcessesLeftAfterStop)
     EXPECT_EQ(::shmctl(shmid, IPC_STAT, &info), -1);
     EXPECT_EQ(::semctl(semid, 0, GETVAL), -1);
     EXPECT_TRUE(rig::eventually([&] { return ::kill(pid, 0) == -1 && errno == ESRCH; }, 5s));
+}
+
+namespace {
+
+// Runs comserver directly and returns everything it printed.
+std::string run_server(const std::vector<std::string>& args)
+{
+    int fds[2];
+    if (::pipe(fds) != 0) {
+        return {};
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(fds[1], 1);
+        ::close(fds[0]);
+        std::vector<char*> argv{const_cast<char*>(COMSERVER_PATH)};
+        for (const auto& a : args) {
+            argv.push_back(const_cast<char*>(a.c_str()));
+        }
+        argv.push_back(nullptr);
+        ::execv(COMSERVER_PATH, argv.data());
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    std::string out;
+    char buf[256];
+    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;) {
+        out.append(buf, static_cast<size_t>(n));
+    }
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return out;
+}
+
+} // namespace
+
+TEST(Startup, BadArgumentsEndTheServerWithAMessage)
+{
+    EXPECT_EQ(run_server({"1", "2"}), "usage: comserver MODE SHMID SEMID\r\n");
+    const std::string out = run_server({"1", "-1", "-1"});
+    EXPECT_EQ(out.rfind("shmat error: ", 0), 0u) << out;
+}
+
+TEST(Startup, SixthCanPortGetsNoThread)
+{
+    rig::Config cfg;
+    for (int i = 0; i < 6; ++i) {
+        cfg.ports.push_back(port(16, 7));
+    }
+    rig::Server s(cfg);
+    std::ofstream(s.dir() + "/spi") << "";
+    s.start();
+    ASSERT_TRUE(s.wait_for("too many CAN ports: port 5 gets no thread\r\n"));
+    ASSERT_TRUE(rig::eventually([&] { return s.count("can process thread\r\n") == 5; }));
+    const int fd = s.connect_client();
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    EXPECT_EQ(s.count("can process thread\r\n"), 5u);
 }

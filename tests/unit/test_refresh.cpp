@@ -322,4 +322,22 @@ TEST_F(Refresh, OneRegisterRefreshGroupStartingInsideBlock)
     EXPECT_EQ(cache(g), (std::vector<uint8_t>{5, 6, 7, 8}));
 }
 
+TEST_F(Refresh, OneRegisterRefreshWithoutAddressUnit)
+{
+    // Word and byte groups without an address unit, polled one register per block.
+    ORG_node* words = reg(make_rec(1, 1, 2, 3, 10, 2));
+    ORG_node* bytes = reg(make_rec(1, 1, 1, 4, 0, 2));
+    OPT_node* cursor = head;
+    const OPT_limits limits{16, 0, 1, 0, 1, 0, 1, 0};
+    rebuild_OPT_links(1, head, tail, cursor, limits);
+    const uint8_t v[2] = {0xAA, 0xBB};
+    for (OPT_node* b = head->next; b != tail; b = b->next) {
+        refresh_ORG_buff_omron(b, v, 1);
+    }
+    EXPECT_EQ(cache(words), (std::vector<uint8_t>{0xAA, 0xBB, 0xAA, 0xBB}));
+    EXPECT_EQ(cache(bytes), (std::vector<uint8_t>{0xAA, 0xAA}));
+    EXPECT_EQ(words->status, 1);
+    EXPECT_EQ(bytes->status, 1);
+}
+
 } // namespace
