@@ -127,13 +127,13 @@ RegAddr base_record(const Options& o)
     return r;
 }
 
-// A range spec: comma-separated key=value pairs over the record options,
+// A range description: comma-separated key=value pairs over the record options,
 // e.g. "kind=3,start=10,count=4,type=word". Unnamed fields keep the values
 // of the record options.
-RegAddr parse_range(const std::string& spec, const Options& defaults)
+RegAddr parse_range(const std::string& text, const Options& defaults)
 {
     Options o = defaults;
-    std::stringstream ss(spec);
+    std::stringstream ss(text);
     std::string item;
     while (std::getline(ss, item, ',')) {
         auto eq = item.find('=');
