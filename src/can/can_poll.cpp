@@ -36,35 +36,17 @@ int foud_pdo_num(OPT_node* first, OPT_node* end)
     return n;
 }
 
-int can_block_entries(const OPT_node* block)
-{
-    if (block->reg_addr.reg_type == 0) {
-        return 1;
-    }
-    return std::max<int>(block->reg_addr.reg_data_width, 0);
-}
-
 int build_CANOPEN_buff(OPT_node* first, OmronEntry* array, int n)
 {
     int written = 0;
     OPT_node* b = first;
     for (int i = 0; i < n && b != nullptr; ++i, b = b->next) {
-        const REG_ADDR& r = b->reg_addr;
-        const int count = can_block_entries(b);
-        for (int k = 0; k < count && written < CAN_ENTRY_ROOM; ++k) {
-            OmronEntry& e = array[written++];
-            e.plc_id = r.plc_id;
-            e.reg_type = r.reg_type;
-            e.reg_id = r.reg_id;
-            e.byte_offset = r.byte_offset;
-            if (r.reg_type == 0) {
-                e.address = static_cast<uint32_t>(r.reg_addr_start);
-                e.count = static_cast<uint16_t>(r.reg_data_width);
-            } else {
-                e.address = static_cast<uint32_t>(r.reg_addr_start + k);
-                e.count = 1;
-            }
+        const int count = block_entry_count(b);
+        if (written + count > CAN_ENTRY_ROOM) {
+            break;
         }
+        fill_block_entries(b, array + written);
+        written += count;
     }
     return written;
 }
@@ -74,7 +56,7 @@ int can_blocks_per_call(OPT_node* first, int remaining)
     int blocks = 0;
     int entries = 0;
     for (OPT_node* b = first; blocks < remaining; b = b->next) {
-        const int e = can_block_entries(b);
+        const int e = block_entry_count(b);
         if (entries + e > CAN_CALL_ENTRIES) {
             break;
         }

@@ -58,9 +58,6 @@ OPT_limits can_block_limits(const com_port_info& rec);
 // Number of blocks from first up to, not including, end.
 int foud_pdo_num(OPT_node* first, OPT_node* end);
 
-// Entries a block expands to: one for a bit block, one per register otherwise.
-int can_block_entries(const OPT_node* block);
-
 // Appends the entries of the n blocks from first on to array and returns
 // how many it wrote; it never writes beyond CAN_ENTRY_ROOM entries.
 int build_CANOPEN_buff(OPT_node* first, OmronEntry* array, int n);

@@ -50,27 +50,16 @@ void complete(RORT_node* req, int status)
     req->status = static_cast<int16_t>(status);
 }
 
-DrvRegAddr driver_address(const REG_ADDR& r)
-{
-    DrvRegAddr a{};
-    a.plc_id = r.plc_id;
-    a.reg_type = r.reg_type;
-    a.reg_id = r.reg_id;
-    a.reg_addr_start = r.reg_addr_start;
-    a.byte_offset = r.byte_offset;
-    return a;
-}
-
 int driver_read(CanPort& t, const REG_ADDR& r)
 {
-    const DrvRegAddr addr = driver_address(r);
+    const DrvRegAddr addr = drv_reg_addr(r);
     DrvDataRef ref{r.reg_data_width, t.buf};
     return t.drv.read(&addr, &ref, &t.param, t.spi_mutex);
 }
 
 int driver_write(CanPort& t, const REG_ADDR& r)
 {
-    const DrvRegAddr addr = driver_address(r);
+    const DrvRegAddr addr = drv_reg_addr(r);
     DrvDataRef ref{r.reg_data_width, t.buf};
     return t.drv.write(&addr, &ref, &t.param, t.spi_mutex);
 }

@@ -122,30 +122,36 @@ int blocks_fitting(OPT_node* first, int n, int max_entries)
     return count;
 }
 
+void fill_block_entries(const OPT_node* block, OmronEntry* out)
+{
+    const REG_ADDR& r = block->reg_addr;
+    const int count = block_entry_count(block);
+    for (int k = 0; k < count; ++k) {
+        OmronEntry& e = out[k];
+        e.plc_id = r.plc_id;
+        e.reg_type = r.reg_type;
+        e.reg_id = r.reg_id;
+        e.byte_offset = r.byte_offset;
+        if (r.reg_type == 0) {
+            e.address = static_cast<uint32_t>(r.reg_addr_start);
+            e.count = static_cast<uint16_t>(r.reg_data_width);
+        } else {
+            e.address = static_cast<uint32_t>(r.reg_addr_start) + static_cast<uint32_t>(k);
+            e.count = 1;
+        }
+    }
+}
+
 int build_OMRON_buff(OPT_node* prev, OmronEntry* array, int n, int max_entries)
 {
     int written = 0;
     OPT_node* b = prev->next;
     for (int i = 0; i < n && is_block(b); ++i, b = b->next) {
-        const REG_ADDR& r = b->reg_addr;
         const int count = block_entry_count(b);
         if (written + count > max_entries) {
             break;
         }
-        for (int k = 0; k < count; ++k) {
-            OmronEntry& e = array[written + k];
-            e.plc_id = r.plc_id;
-            e.reg_type = r.reg_type;
-            e.reg_id = r.reg_id;
-            e.byte_offset = r.byte_offset;
-            if (r.reg_type == 0) {
-                e.address = static_cast<uint32_t>(r.reg_addr_start);
-                e.count = static_cast<uint16_t>(r.reg_data_width);
-            } else {
-                e.address = static_cast<uint32_t>(r.reg_addr_start) + static_cast<uint32_t>(k);
-                e.count = 1;
-            }
-        }
+        fill_block_entries(b, array + written);
         written += count;
     }
     return written;
@@ -188,12 +194,7 @@ void refresh_bat_ORG(OPT_node* first, const OmronEntry* entry, uint8_t* buffer, 
         } else {
             refresh_ORG_buff(b, buffer, status);
         }
-        DrvRegAddr addr{};
-        addr.plc_id = r.plc_id;
-        addr.reg_type = r.reg_type;
-        addr.reg_id = r.reg_id;
-        addr.reg_addr_start = r.reg_addr_start;
-        addr.byte_offset = r.byte_offset;
+        DrvRegAddr addr = drv_reg_addr(r);
         const DrvDataRef data{r.reg_data_width, buffer};
         PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), r.deviceport_id, addr, data, file_status);
         entry += block_entry_count(b);

@@ -39,6 +39,10 @@ int block_entry_count(const OPT_node* block);
 // How many of the n blocks from first on fit, whole, into max_entries entries.
 int blocks_fitting(OPT_node* first, int n, int max_entries);
 
+// Writes the block_entry_count(block) entries of one block to out: one
+// entry for a bit block, one per register otherwise.
+void fill_block_entries(const OPT_node* block, OmronEntry* out);
+
 // Lays the values of one block's entries out as a block buffer: a bit block
 // takes the entry's bit field (its first cal_commbuf_size bytes, at most 4;
 // bytes beyond the 32nd bit are cleared), other blocks one value of 1, 2 or

@@ -76,12 +76,7 @@ void port_read_block(PortThread& t, OPT_node* block)
     const REG_ADDR& r = block->reg_addr;
     const int size = std::clamp<int>(cal_commbuf_size(r), 0, PORT_BUF_SIZE);
     std::memset(t.buf, 0, static_cast<size_t>(size));
-    DrvRegAddr addr{};
-    addr.plc_id = r.plc_id;
-    addr.reg_type = r.reg_type;
-    addr.reg_id = r.reg_id;
-    addr.reg_addr_start = r.reg_addr_start;
-    addr.byte_offset = r.byte_offset;
+    DrvRegAddr addr = drv_reg_addr(r);
     DrvDataRef ref{r.reg_data_width, t.buf};
     std::memset(t.buf, 0, 1024);
 

@@ -57,20 +57,6 @@ bool split_case(const PortThread& t, const REG_ADDR& r)
     return word_order_family(t) && byte_addressed(r, 4) && r.byte_offset != 0;
 }
 
-DrvRegAddr drv_addr(const REG_ADDR& r, bool with_unit)
-{
-    DrvRegAddr a{};
-    a.plc_id = r.plc_id;
-    a.reg_type = r.reg_type;
-    a.reg_id = r.reg_id;
-    a.reg_addr_start = r.reg_addr_start;
-    a.byte_offset = r.byte_offset;
-    if (with_unit) {
-        a.addr_unit = r.addr_unit;
-    }
-    return a;
-}
-
 // One driver call with fresh copies of the address and data reference, so
 // that nothing a driver changes in them leaks into the next attempt.
 int rtm_read(PortThread& t, const DrvRegAddr& addr, int32_t count, uint8_t* data)
@@ -167,7 +153,7 @@ bool take_request(PortThread& t, RORT_node* node, Request& q)
 
 void serve_read(PortThread& t, const Request& q)
 {
-    const DrvRegAddr addr = drv_addr(q.reg_addr, false);
+    const DrvRegAddr addr = drv_reg_addr(q.reg_addr, false);
     std::memset(t.buf, 0, static_cast<size_t>(q.n));
     int r = 0;
     for (int i = 0; i < REALTIME_TRIES; ++i) {
@@ -186,7 +172,7 @@ void serve_read(PortThread& t, const Request& q)
 
 void serve_write(PortThread& t, const Request& q)
 {
-    const DrvRegAddr addr = drv_addr(q.reg_addr, true);
+    const DrvRegAddr addr = drv_reg_addr(q.reg_addr, true);
     int r = 0;
     for (int i = 0; i < REALTIME_TRIES; ++i) {
         // A driver may convert its buffer in place: every attempt sends the
@@ -214,7 +200,7 @@ void serve_pulse(PortThread& t, const Request& q)
 {
     std::puts("1:rw function code 0x100");
     const REG_ADDR& ra = q.reg_addr;
-    const DrvRegAddr addr = drv_addr(ra, true);
+    const DrvRegAddr addr = drv_reg_addr(ra, true);
     const bool keep_caches = word_order_family(t) && byte_addressed(ra, 4);
     const auto cleared = static_cast<size_t>(std::max(CLEARED_BYTES, q.n));
 
@@ -272,7 +258,7 @@ void apply_operation(const PortThread& t, const REG_ADDR& ra, uint8_t* value, rw
 void serve_rmw(PortThread& t, const Request& q)
 {
     const REG_ADDR& ra = q.reg_addr;
-    const DrvRegAddr addr = drv_addr(ra, true);
+    const DrvRegAddr addr = drv_reg_addr(ra, true);
     std::memset(t.buf, 0, static_cast<size_t>(q.n));
     const int read = rtm_read(t, addr, ra.reg_data_width, t.buf);
     if (read != 0) {

@@ -16,18 +16,6 @@
 
 namespace {
 
-void send_status(Connection& c, const uint8_t* packet4)
-{
-    const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
-    send_reply(c, c.reply, len);
-}
-
-void send_refusal(Connection& c, uint8_t command)
-{
-    const size_t len = produce_refusal_pack(c.reply, command);
-    send_reply(c, c.reply, len);
-}
-
 // Queues a realtime read of rec for its port thread. The caller holds mutex.
 // The client's answer does not depend on whether the list kept the request.
 void queue_realtime_read(const REG_ADDR& rec)

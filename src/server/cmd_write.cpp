@@ -16,18 +16,6 @@ namespace {
 // The port thread moves a request's data through 4096-byte buffers.
 constexpr int REQUEST_DATA_MAX = 4096;
 
-void send_status(Connection& c, const uint8_t* packet4)
-{
-    const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
-    send_reply(c, c.reply, len);
-}
-
-void send_refusal(Connection& c, uint8_t command)
-{
-    const size_t len = produce_refusal_pack(c.reply, command);
-    send_reply(c, c.reply, len);
-}
-
 // A PLC request is queued only when its data fit the port thread's buffers.
 bool request_size_ok(const REG_ADDR& rec)
 {

@@ -18,6 +18,10 @@ void cmd_realtime_rw(Connection& c, const uint8_t* packet);
 void cmd_realtime_rw_check(Connection& c, const uint8_t* packet);
 void cmd_sub_read(Connection& c, const uint8_t* packet);
 
+// Sends a 4-byte status packet, or the refusal [command][0][3][sum].
+void send_status(Connection& c, const uint8_t* packet4);
+void send_refusal(Connection& c, uint8_t command);
+
 // Number of whole records a count-prefixed request (commands 1, 2, 19)
 // really carries: the count byte, cut to the records inside package_len.
 int records_in_packet(const uint8_t* packet);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "server/commands.h"
+#include "server/reply_data.h"
 
 namespace {
 
@@ -81,6 +82,18 @@ int minimum_package_len(uint8_t command)
 void send_reply(const Connection& c, const uint8_t* buf, size_t len)
 {
     (void)::send(c.sock, buf, len, MSG_NOSIGNAL);
+}
+
+void send_status(Connection& c, const uint8_t* packet4)
+{
+    const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
+    send_reply(c, c.reply, len);
+}
+
+void send_refusal(Connection& c, uint8_t command)
+{
+    const size_t len = produce_refusal_pack(c.reply, command);
+    send_reply(c, c.reply, len);
 }
 
 void dispatch_packet(Connection& c, const uint8_t* packet)

@@ -279,3 +279,17 @@ bool is_s2_driver(int plc_driver_no)
 {
     return plc_driver_no == 38 || plc_driver_no == 39 || plc_driver_no == 57;
 }
+
+DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit)
+{
+    DrvRegAddr a{};
+    a.plc_id = r.plc_id;
+    a.reg_type = r.reg_type;
+    a.reg_id = r.reg_id;
+    a.reg_addr_start = r.reg_addr_start;
+    a.byte_offset = r.byte_offset;
+    if (with_addr_unit) {
+        a.addr_unit = r.addr_unit;
+    }
+    return a;
+}

@@ -8,6 +8,10 @@
 #include "driver/plc_abi.h"
 #include "tables/tables.h"
 
+// The driver's form of a range: plc_id, reg_type, reg_id, start and
+// byte_offset; addr_unit only when asked for (write paths).
+DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit = false);
+
 // Data bytes of a range (signed 16-bit, as the record's width is).
 int16_t cal_commbuf_size(const REG_ADDR& rec);
 int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width);
