@@ -1,5 +1,6 @@
 // Start-up of the real server through the real parent process.
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -152,6 +153,21 @@ TEST(Startup, NoIpcObjectsOrProcessesLeftAfterStop)
     shmid_ds info{};
     EXPECT_EQ(::shmctl(shmid, IPC_STAT, &info), -1);
     EXPECT_EQ(::semctl(semid, 0, GETVAL), -1);
+    // ipcs lists neither object any more (ids are the second column).
+    const auto listed = [](const char* cmd, int id) {
+        FILE* p = ::popen(cmd, "r");
+        std::string out;
+        char buf[256];
+        while (p != nullptr && std::fgets(buf, sizeof buf, p) != nullptr) {
+            out += buf;
+        }
+        if (p != nullptr) {
+            ::pclose(p);
+        }
+        return out.find(" " + std::to_string(id) + " ") != std::string::npos;
+    };
+    EXPECT_FALSE(listed("ipcs -m", shmid));
+    EXPECT_FALSE(listed("ipcs -s", semid));
     EXPECT_TRUE(rig::eventually([&] { return ::kill(pid, 0) == -1 && errno == ESRCH; }, 5s));
 }
 
