@@ -1,18 +1,20 @@
-// The polling engine end to end: registered ranges are polled through the
-// simulated plug-in, their caches answer com_read, neighbouring ranges share
-// one driver read, a silent station is reported and recovers, the register
-// data files mirror the reads, and local bit 9923 suspends block polling.
+// The polling engine end to end through the simulated plug-in: caches,
+// merged neighbouring ranges, a silent station, the data files and the
+// suspend bit.
+#include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "itest_util.h"
 
 using namespace std::chrono_literals;
 using comclient::Client;
 using comclient::RegAddr;
-using comclient::ReplyKind;
 using itest::Bytes;
+using itest::le16s;
 using itest::rec;
 
 namespace {
@@ -20,19 +22,6 @@ namespace {
 constexpr uint32_t kBus = 0;
 constexpr uint32_t kPortStateBit = 9500; // + port 0
 constexpr uint32_t kSuspendBit = 9923;
-
-Bytes file_bytes(const std::string& path, size_t from, size_t n)
-{
-    std::ifstream f(path, std::ios::binary);
-    Bytes out(n);
-    f.seekg(static_cast<std::streamoff>(from));
-    if (!f.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(n))) {
-        return {};
-    }
-    return out;
-}
-
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
 class Polling : public ::testing::Test {
 protected:
@@ -53,13 +42,17 @@ protected:
 
     static rig::Server& server() { return *sim_->server; }
     static SimControl& ctl() { return *sim_->ctl; }
-    // The data file of port 0, the given station and register kind.
-    static std::string data_file(uint8_t station, uint8_t kind)
+    // Bytes [from, from + n) of the data file of port 0, the station and kind 3.
+    static Bytes data_file(uint8_t station, size_t from, size_t n)
     {
         char name[32];
-        std::snprintf(name, sizeof name, "/%x.dat", kind | station << 8);
-        return server().dir() + name;
+        std::snprintf(name, sizeof name, "/%x.dat", 3 | station << 8);
+        std::ifstream f(server().dir() + name, std::ios::binary);
+        Bytes out(n);
+        f.seekg(static_cast<std::streamoff>(from));
+        return f.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(n)) ? out : Bytes{};
     }
+    static Bytes status(uint8_t s) { return {s, 0, 0, 0}; }
 
     static std::unique_ptr<itest::SimServer> sim_;
 };
@@ -68,75 +61,39 @@ std::unique_ptr<itest::SimServer> Polling::sim_;
 
 TEST_F(Polling, RangesArePolledIntoTheirCachesAndDataFiles)
 {
-    {
-        SCOPED_TRACE("cached read and data file");
-        for (int i = 0; i < 4; ++i) {
-            sim_control_set_value(ctl(), kBus, 1, 3, 2, 10 + i, 0x1100u + i);
-        }
-        Client c = itest::connect(server());
-        const RegAddr r = rec(0, 1, 2, 3, 10, 4);
-        const comclient::Reply first = c.com_read(r);
-        EXPECT_TRUE(first.pending()) << "the first read registers the range";
-
-        comclient::Reply data = itest::read_until_data(c, r);
-        ASSERT_EQ(data.kind, ReplyKind::data);
-        EXPECT_EQ(data.command, 3);
-        EXPECT_EQ(data.data, itest::le16s({0x1100, 0x1101, 0x1102, 0x1103}));
-
-        // The cache keeps following the station.
-        sim_control_set_value(ctl(), kBus, 1, 3, 2, 12, 0xabcd);
-        EXPECT_TRUE(rig::eventually([&] {
-            return c.com_read(r).data == itest::le16s({0x1100, 0x1101, 0xabcd, 0x1103});
-        }));
-
-        // Data file of key 0x103: status 1 at bytes 0..3, word 10 at data byte 20.
-        const std::string path = data_file(1, 3);
-        EXPECT_TRUE(rig::eventually([&] {
-            return file_bytes(path, 0, 4) == le32(1) &&
-                   file_bytes(path, 4 + 20, 8) == itest::le16s({0x1100, 0x1101, 0xabcd, 0x1103});
-        })) << path;
-        EXPECT_EQ(file_bytes(path, 4 + 18, 2), (Bytes{0, 0})); // nothing written before the range
+    for (int i = 0; i < 20; ++i) {
+        sim_control_set_value(ctl(), kBus, 1, 3, 2, i, 0x100u + i);
     }
-    {
-        SCOPED_TRACE("neighbouring ranges");
-        for (int i = 0; i < 20; ++i) {
-            sim_control_set_value(ctl(), kBus, 2, 3, 2, i, 0x200u + i);
-        }
-        Client c = itest::connect(server());
-        const RegAddr a = rec(0, 2, 2, 3, 0, 10);
-        const RegAddr b = rec(0, 2, 2, 3, 12, 8); // gap of 2 words, the port bridges 4
-        uint64_t from = sim_control_call_count(ctl());
-        c.register_areas(std::span(&a, 1));
-        ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 2, from, 1));
-        const SimCall alone = itest::reads_of(ctl(), kBus, 2, from).front();
-        EXPECT_EQ(alone.start, 0);
-        EXPECT_EQ(alone.count, 10);
+    Client c = itest::connect(server());
+    const RegAddr a = rec(0, 1, 2, 3, 10, 4);
+    const RegAddr b = rec(0, 1, 2, 3, 16, 2); // gap of 2 words, the port bridges 4
+    EXPECT_TRUE(c.com_read(a).pending()) << "the first read registers the range";
+    ASSERT_EQ(itest::read_until_data(c, a).data, le16s({0x10a, 0x10b, 0x10c, 0x10d}));
 
-        c.register_areas(std::span(&b, 1));
-        from = sim_control_call_count(ctl());
-        uint64_t merged_at = 0;
-        ASSERT_TRUE(rig::eventually([&] {
-            for (const SimCall& call : itest::reads_of(ctl(), kBus, 2, from)) {
-                if (call.count == 20) {
-                    merged_at = call.seq;
-                    return true;
-                }
-            }
-            return false;
-        }));
-        // From then on every read of the station is the one block [0, 20).
-        ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 2, merged_at, 20));
-        for (const SimCall& call : itest::reads_of(ctl(), kBus, 2, merged_at)) {
-            EXPECT_EQ(call.reg_id, 3);
-            EXPECT_EQ(call.start, 0);
-            EXPECT_EQ(call.count, 20);
+    // Once the neighbour is registered every read of the station is the one block [10, 18).
+    c.register_areas(std::span(&b, 1));
+    const uint64_t from = sim_control_call_count(ctl());
+    uint64_t merged_at = 0;
+    ASSERT_TRUE(rig::eventually([&] {
+        for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, from)) {
+            if (call.count == 8) merged_at = call.seq;
         }
-        // Each range's cache holds its own part of the block.
-        EXPECT_EQ(itest::read_until_data(c, a).data,
-                  itest::le16s({0x200, 0x201, 0x202, 0x203, 0x204, 0x205, 0x206, 0x207, 0x208, 0x209}));
-        EXPECT_EQ(itest::read_until_data(c, b).data,
-                  itest::le16s({0x20c, 0x20d, 0x20e, 0x20f, 0x210, 0x211, 0x212, 0x213}));
+        return merged_at != 0;
+    }));
+    ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 1, merged_at, 10));
+    for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, merged_at)) {
+        EXPECT_EQ(std::tuple(call.reg_id, call.start, call.count), std::tuple(3, 10, 8));
     }
+    EXPECT_EQ(itest::read_until_data(c, b).data, le16s({0x110, 0x111}));
+
+    // The caches and the data file keep following the station; the data file
+    // holds status 1 and word k at data byte 2k.
+    sim_control_set_value(ctl(), kBus, 1, 3, 2, 12, 0xabcd);
+    EXPECT_TRUE(rig::eventually([&] { return c.com_read(a).data == le16s({0x10a, 0x10b, 0xabcd, 0x10d}); }));
+    EXPECT_TRUE(rig::eventually([&] {
+        return data_file(1, 0, 4) == status(1) && data_file(1, 4 + 20, 6) == le16s({0x10a, 0x10b, 0xabcd});
+    }));
+    EXPECT_EQ(data_file(1, 4 + 18, 2), (Bytes{0, 0})); // nothing written before the range
 }
 
 TEST_F(Polling, SilentStationIsReportedAndRecovers)
@@ -144,8 +101,7 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
     sim_control_set_value(ctl(), kBus, 3, 3, 2, 0, 0x3333);
     Client c = itest::connect(server());
     const RegAddr r = rec(0, 3, 2, 3, 0, 1);
-    c.register_areas(std::span(&r, 1));
-    ASSERT_EQ(itest::read_until_data(c, r).data, itest::le16s({0x3333}));
+    ASSERT_EQ(itest::read_until_data(c, r).data, le16s({0x3333}));
     itest::Segment seg(server().shmid(), false);
     EXPECT_FALSE(seg.bit(kPortStateBit));
 
@@ -153,22 +109,21 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
     sim_control_set_station(ctl(), kBus, 3, SIM_TIMEOUT, 0);
     EXPECT_TRUE(rig::eventually([&] {
         const comclient::Reply rep = c.com_read(r);
-        return rep.kind == ReplyKind::status && !rep.ok && rep.err == 2;
+        return rep.kind == comclient::ReplyKind::status && !rep.ok && rep.err == 2;
     })) << "com_read_err_02 expected";
     EXPECT_TRUE(server().wait_for("Plc(3) NG\n[C", 5s, mark)) << server().output().substr(mark);
     EXPECT_EQ(server().count("Plc(3) NG"), 1u); // printed at the first time-out only
     EXPECT_TRUE(seg.bit(kPortStateBit));
-    const std::string path = data_file(3, 3);
-    EXPECT_TRUE(rig::eventually([&] { return file_bytes(path, 0, 4) == le32(2); }));
-    EXPECT_EQ(file_bytes(path, 4, 2), itest::le16s({0x3333})); // a failed read keeps the data
+    EXPECT_TRUE(rig::eventually([&] { return data_file(3, 0, 4) == status(2); }));
+    EXPECT_EQ(data_file(3, 4, 2), le16s({0x3333})); // a failed read keeps the data
 
     const size_t ok_mark = server().output().size();
     sim_control_set_value(ctl(), kBus, 3, 3, 2, 0, 0x3334);
     sim_control_set_station(ctl(), kBus, 3, SIM_OK, 0);
     EXPECT_TRUE(server().wait_for("Plc(3) OK\n[C", 5s, ok_mark)) << server().output().substr(ok_mark);
     EXPECT_TRUE(rig::eventually([&] { return !seg.bit(kPortStateBit); }));
-    EXPECT_EQ(itest::read_until_data(c, r).data, itest::le16s({0x3334}));
-    EXPECT_TRUE(rig::eventually([&] { return file_bytes(path, 0, 4) == le32(1); }));
+    EXPECT_EQ(itest::read_until_data(c, r).data, le16s({0x3334}));
+    EXPECT_TRUE(rig::eventually([&] { return data_file(3, 0, 4) == status(1); }));
 }
 
 TEST_F(Polling, SuspendBitStopsAndResumesBlockReads)
@@ -179,23 +134,15 @@ TEST_F(Polling, SuspendBitStopsAndResumesBlockReads)
     ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 4, sim_control_call_count(ctl()), 5));
 
     itest::Segment seg(server().shmid(), true);
-    struct Resume {
-        itest::Segment& seg;
-        ~Resume() { seg.set_bit(kSuspendBit, false); }
-    } resume{seg};
     seg.set_bit(kSuspendBit, true);
-
     // The read under way when the bit was set may still finish; then nothing.
-    uint64_t last = UINT64_MAX; // the first sample only primes the comparison
+    uint64_t last = UINT64_MAX;
     ASSERT_TRUE(rig::eventually([&] {
         const uint64_t now = sim_control_call_count(ctl());
-        const bool still = now == last;
-        last = now;
-        return still;
+        return std::exchange(last, now) == now;
     }, 5s));
     std::this_thread::sleep_for(200ms); // a window in which polling would log hundreds of reads
     EXPECT_EQ(sim_control_call_count(ctl()), last);
-
     seg.set_bit(kSuspendBit, false);
     EXPECT_TRUE(itest::wait_reads(ctl(), kBus, 4, last, 5));
 }

@@ -1,13 +1,12 @@
-// Test helpers for the area tables: a checker of every ordering and linkage
-// rule the FAT and ORG lists must keep, and a reset that empties the global
-// lists between tests.
+// Test helpers for the area tables: records, a checker of every ordering and
+// linkage rule of the FAT and ORG lists, and a reset of the global lists.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,31 +27,21 @@ inline uint32_t key_of(const FAT_node& f) { return key_of(f.deviceport_id, f.plc
 inline REG_ADDR make_rec(uint8_t port, uint8_t plc, uint8_t type, uint8_t id, int32_t start,
                          int16_t width, uint8_t bcd = 0)
 {
-    REG_ADDR r{};
-    r.deviceport_id = port;
-    r.plc_id = plc;
-    r.reg_type = type;
-    r.reg_id = id;
-    r.reg_addr_start = start;
-    r.reg_data_width = width;
-    r.bcd_flag = bcd;
-    return r;
+    return REG_ADDR{0, port, plc, 0, type, id, 0, start, width, bcd, 0};
 }
 
-// Checks the FAT and ORG lists against every rule they must keep. Usable after
-// any sequence of registrations, unregistrations, sweeps and rebuilds.
+// Checks the FAT and ORG lists against every rule they must keep, after any
+// sequence of registrations, unregistrations, sweeps and rebuilds.
 inline testing::AssertionResult tables_consistent()
 {
     auto fail = [](const std::string& what, uint32_t key = 0) {
-        std::ostringstream m;
-        m << what << " (area 0x" << std::hex << key << ")";
-        return testing::AssertionFailure() << m.str();
+        return testing::AssertionFailure() << what << " (area 0x" << std::hex << key << ")";
     };
     if (FAT_link_head->prev || FAT_link_tail->next || ORT_link_head->prev || ORT_link_tail->next ||
         FAT_link_head->org_first != ORT_link_head || FAT_link_tail->org_first != ORT_link_tail)
         return fail("sentinels changed");
 
-    // ORG list: links, groups in area order, ranges ordered, no duplicates.
+    // ORG list: links, caches, groups in area order, ranges ordered, no duplicates.
     std::vector<ORG_node*> orgs;
     std::set<ORG_node*> live{ORT_link_head};
     std::set<std::string> records;
@@ -82,37 +71,30 @@ inline testing::AssertionResult tables_consistent()
     // FAT list: links, strictly ascending keys, each area's group and org_first.
     std::set<uint32_t> fat_keys;
     for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next) {
-        if (f->next == nullptr || f->next->prev != f)
-            return fail("FAT links broken");
         const uint32_t k = key_of(*f);
+        if (f->next == nullptr || f->next->prev != f || f->prev->next != f)
+            return fail("FAT links broken", k);
         if (f->prev != FAT_link_head && key_of(*f->prev) >= k)
             return fail("FAT keys not strictly ascending", k);
         fat_keys.insert(k);
-        ORG_node* first = nullptr;
-        for (ORG_node* o : orgs)
-            if (key_of(o->reg_addr) == k) {
-                first = o;
-                break;
-            }
+        auto it = std::find_if(orgs.begin(), orgs.end(), [k](ORG_node* o) { return key_of(o->reg_addr) == k; });
+        ORG_node* first = it == orgs.end() ? nullptr : *it;
         if (f->change_state == 2) {
+            // Emptied: parked on a live node (or the head) sorting before the area.
             if (first != nullptr)
                 return fail("change_state 2 with ranges", k);
-            // Parked on a live node (or the head) that sorts before the area.
             if (live.count(f->org_first) == 0)
                 return fail("emptied area parked on a freed node", k);
             if (f->org_first != ORT_link_head && key_of(f->org_first->reg_addr) >= k)
                 return fail("emptied area parked after its place", k);
-        } else if (f->change_state == 0 || f->change_state == 1) {
-            if (first == nullptr)
-                return fail("empty area without change_state 2", k);
-            if (f->org_first != first)
-                return fail("org_first is not the group's first node", k);
-        } else {
+        } else if (f->change_state != 0 && f->change_state != 1) {
             return fail("bad change_state " + std::to_string(f->change_state), k);
+        } else if (first == nullptr) {
+            return fail("empty area without change_state 2", k);
+        } else if (f->org_first != first) {
+            return fail("org_first is not the group's first node", k);
         }
     }
-    if (FAT_link_head->next->prev != FAT_link_head)
-        return fail("FAT links broken");
     for (ORG_node* o : orgs)
         if (fat_keys.count(key_of(o->reg_addr)) == 0)
             return fail("ORG node without FAT node", key_of(o->reg_addr));
@@ -137,15 +119,12 @@ inline int fat_count()
     return n;
 }
 
-// Empties the FAT and ORG lists (first use: creates them). ORG nodes go
-// through delete_ORG; FAT nodes, which only a port thread's rebuild pass
-// frees in the server, are unlinked here directly.
+// Empties the FAT and ORG lists (first use: creates them). FAT nodes, which
+// only a port thread's rebuild pass frees in the server, are unlinked directly.
 inline void reset_area_tables()
 {
-    if (FAT_link_head == nullptr) {
-        links_init();
-        return;
-    }
+    if (FAT_link_head == nullptr)
+        return links_init();
     while (ORT_link_head->next != ORT_link_tail)
         delete_ORG(ORT_link_head->next);
     while (FAT_link_head->next != FAT_link_tail) {
@@ -164,14 +143,10 @@ public:
     LocalBits(const LocalBits&) = delete;
     LocalBits& operator=(const LocalBits&) = delete;
 
-    // Table flag bit 12: new ranges start valid.
+    // Table flag bit 12 (bit 4 of byte 1157): new ranges start valid.
     void set_new_range_valid(bool on)
     {
-        // Bit 12 of the little-endian word at byte 1156 is bit 4 of byte 1157.
-        if (on)
-            buf_[1157] |= 0x10;
-        else
-            buf_[1157] &= static_cast<uint8_t>(~0x10);
+        buf_[1157] = static_cast<uint8_t>(on ? buf_[1157] | 0x10 : buf_[1157] & ~0x10);
     }
 
 private:

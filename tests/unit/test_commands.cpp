@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <shared_mutex>
 #include <string>
 #include <sys/socket.h>
@@ -22,19 +23,15 @@ using namespace table_test;
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Handler = void (*)(Connection&, const uint8_t*);
 
 // Expected packets are built by hand, not with the builders under test.
-Bytes packet(const Bytes& body_without_sum)
+Bytes packet(Bytes body)
 {
-    const size_t len = body_without_sum.size() + 1;
-    Bytes p{1, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(len), static_cast<uint8_t>(len >> 8)};
-    uint8_t sum = 0;
-    for (uint8_t b : body_without_sum) {
-        p.push_back(b);
-        sum = static_cast<uint8_t>(sum + b);
-    }
-    p.push_back(sum);
-    return p;
+    const size_t len = body.size() + 1;
+    body.push_back(static_cast<uint8_t>(std::accumulate(body.begin(), body.end(), 0)));
+    body.insert(body.begin(), {1, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(len), static_cast<uint8_t>(len >> 8)});
+    return body;
 }
 
 Bytes status(uint8_t cmd, uint8_t ok, uint8_t err) { return packet({cmd, ok, err}); }
@@ -48,8 +45,7 @@ Bytes data_reply(uint8_t cmd, const Bytes& data)
 
 void append_rec(Bytes& b, const REG_ADDR& r)
 {
-    const auto* p = reinterpret_cast<const uint8_t*>(&r);
-    b.insert(b.end(), p, p + sizeof r);
+    b.insert(b.end(), reinterpret_cast<const uint8_t*>(&r), reinterpret_cast<const uint8_t*>(&r + 1));
 }
 
 // A single-record request [cmd][record][extra][sum].
@@ -61,25 +57,18 @@ Bytes request(uint8_t cmd, const REG_ADDR& r, const Bytes& extra = {})
     return packet(body);
 }
 
-Bytes rw_block(int32_t op, int32_t step, int32_t hi, int32_t lo, int32_t dir, int32_t type, bool short_form = false)
+// An operation block (lower limit 0); the short form has no value type.
+Bytes rw_block(int32_t op, int32_t step, int32_t hi, int32_t dir = 0, int32_t type = 0, bool short_form = false)
 {
-    const int32_t f[6] = {op, step, hi, lo, dir, type};
-    Bytes b(reinterpret_cast<const uint8_t*>(f), reinterpret_cast<const uint8_t*>(f) + sizeof f);
-    if (short_form) {
-        b.resize(20);
-    }
-    return b;
+    const int32_t f[6] = {op, step, hi, 0, dir, type};
+    const auto* p = reinterpret_cast<const uint8_t*>(f);
+    return Bytes(p, p + (short_form ? 20 : sizeof f));
 }
 
 constexpr uint32_t SHORT_OFF = 0x100;
-constexpr uint32_t SHORT_BYTES = 2048;
-constexpr uint32_t BIT_OFF = SHORT_OFF + SHORT_BYTES;
-constexpr uint32_t BIT_BYTES = 2048;
-constexpr size_t SEG_SIZE = BIT_OFF + BIT_BYTES;
-
-constexpr uint8_t PLAIN_PORT = 0;   // driver 5
-constexpr uint8_t MODBUS_PORT = 1;  // driver 50
-constexpr uint8_t S1_PORT = 2;      // driver 450
+constexpr uint32_t BIT_OFF = SHORT_OFF + 2048;
+constexpr size_t SEG_SIZE = BIT_OFF + 2048;
+constexpr uint8_t PLAIN_PORT = 0, MODBUS_PORT = 1, S1_PORT = 2; // drivers 5, 50, 450
 
 class Commands : public testing::Test {
 protected:
@@ -87,15 +76,14 @@ protected:
     {
         reset_area_tables();
         clear_requests();
-        seg_.assign(SEG_SIZE, 0);
-        local_short = seg_.data() + SHORT_OFF;
-        local_bit = seg_.data() + BIT_OFF;
+        seg_.assign(SEG_SIZE / 2, 0);
+        local_short = reinterpret_cast<uint8_t*>(seg_.data()) + SHORT_OFF;
+        local_bit = reinterpret_cast<uint8_t*>(seg_.data()) + BIT_OFF;
         local_areas_init(SEG_SIZE, SHORT_OFF, BIT_OFF);
         semid = -1;
-        com_info.assign(3, com_port_info{});
-        com_info[PLAIN_PORT].plc_driver_no = 5;
-        com_info[MODBUS_PORT].plc_driver_no = 50;
-        com_info[S1_PORT].plc_driver_no = 450;
+        com_info.clear();
+        for (uint16_t driver : {5, 50, 450})
+            com_info.emplace_back().plc_driver_no = driver;
         port_num = 3;
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv_), 0);
         c_ = std::make_unique<Connection>();
@@ -107,8 +95,7 @@ protected:
         reset_area_tables();
         com_info.clear();
         port_num = 0;
-        local_short = nullptr;
-        local_bit = nullptr;
+        local_short = local_bit = nullptr;
         local_areas_init(0, 0, 0);
         close(sv_[0]);
         close(sv_[1]);
@@ -121,17 +108,15 @@ protected:
             delete_realtime_link(RORT_link_head->next);
     }
 
-    // Runs a handler on a request the way the connection loop does.
-    void run(void (*handler)(Connection&, const uint8_t*), const Bytes& req)
+    // Runs a handler the way the connection loop does and returns what it
+    // sent (handlers send before they return); its stdout goes to out_.
+    Bytes run(Handler handler, const Bytes& req)
     {
         std::memset(c_->reply, 0, sizeof c_->reply);
         c_->rw_block = ::rw_oper{};
+        testing::internal::CaptureStdout();
         handler(*c_, req.data());
-    }
-
-    // Handlers send before they return, so whatever is queued now is all.
-    Bytes reply()
-    {
+        out_ = testing::internal::GetCapturedStdout();
         uint8_t buf[4096];
         const ssize_t n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT);
         return n > 0 ? Bytes(buf, buf + n) : Bytes{};
@@ -143,8 +128,7 @@ protected:
         std::unique_lock lock(rwlock);
         ORG_node* o = insert_ORT_FAT(r).org;
         o->status = static_cast<int16_t>(status);
-        if (!data.empty())
-            std::memcpy(o->data, data.data(), data.size());
+        std::copy(data.begin(), data.end(), o->data);
         return o;
     }
 
@@ -160,222 +144,141 @@ protected:
     {
         std::lock_guard lock(mutex);
         n->status = static_cast<int16_t>(status);
-        if (!data.empty())
-            std::memcpy(n->data, data.data(), data.size());
+        std::copy(data.begin(), data.end(), n->data);
     }
 
-    uint16_t word(size_t w) const
-    {
-        uint16_t v;
-        std::memcpy(&v, local_short + 2 * w, 2);
-        return v;
-    }
+    uint16_t& word(size_t w) { return seg_[SHORT_OFF / 2 + w]; }
 
     std::unique_ptr<Connection> c_;
-    Bytes seg_;
+    std::vector<uint16_t> seg_;
+    std::string out_;
     int sv_[2] = {-1, -1};
 };
+
+const char* const NOT_FOUND = "REAL_WRITE Don't find the realtime_req 0x";
 
 TEST_F(Commands, SubReadOffsetsModbusBitsAndTimedOutStation)
 {
     const REG_ADDR words = make_rec(PLAIN_PORT, 1, 2, 1, 0, 2);
     ORG_node* w = cache(words, 1, {0x11, 0x22, 0x33, 0x44});
-    w->age = 1;
+    w->age = 1; // a read makes the range young again
     // Bits 5..20 of Modbus kind 5 live in words 0 and 1 of kind 3.
-    REG_ADDR view = make_rec(MODBUS_PORT, 1, 0, 5, 5, 16);
     cache(make_rec(MODBUS_PORT, 1, 2, 3, 0, 2), 1, {0xE0, 0xA5, 0x13, 0x00});
     const REG_ADDR late = make_rec(PLAIN_PORT, 2, 2, 1, 0, 1);
     cache(late, 1, {0x55, 0x66});
-    const REG_ADDR fresh = make_rec(PLAIN_PORT, 1, 2, 1, 100, 1);
 
     Bytes body{19, 5};
-    for (const REG_ADDR& r : {words, make_rec(PLAIN_PORT, 1, 2, 245, 0, 2), view, late, fresh})
+    for (const REG_ADDR& r : {words, make_rec(PLAIN_PORT, 1, 2, 245, 0, 2), make_rec(MODBUS_PORT, 1, 0, 5, 5, 16),
+                              late, make_rec(PLAIN_PORT, 1, 2, 1, 100, 1)})
         append_rec(body, r);
-    const uint32_t key = (PLAIN_PORT + 1) * 65536u + 2;  // station 2 of port 0 is in time-out
+    const uint32_t key = (PLAIN_PORT + 1) * 65536u + 2; // station 2 of port 0 is in time-out
     VGlobComState_SetState(VGlobComState_Instance(), key, 2);
-    run(cmd_sub_read, packet(body));
+    const Bytes got = run(cmd_sub_read, packet(body));
     VGlobComState_SetState(VGlobComState_Instance(), key, 0);
 
-    const Bytes expected = packet({19, 5,
-                                   12, 0, 0, 0, 19, 0, 26, 0, 28, 0,
-                                   1, 4, 0, 0x11, 0x22, 0x33, 0x44,
-                                   1, 16, 0, 0x2F, 0x9D, 0, 0,  // bits (words >> 5), room of 2 words
-                                   0, 2,
-                                   0, 1});
-    EXPECT_EQ(reply(), expected);
+    EXPECT_EQ(got, packet({19, 5, 12, 0, 0, 0, 19, 0, 26, 0, 28, 0,         // offsets
+                           1, 4, 0, 0x11, 0x22, 0x33, 0x44,                // words
+                           1, 16, 0, 0x2F, 0x9D, 0, 0,                     // bits (words >> 5), room of 2 words
+                           0, 2,                                           // time-out
+                           0, 1}));                                        // new range
     EXPECT_EQ(w->age, 0);
     std::shared_lock lock(rwlock);
     EXPECT_EQ(org_ranges(), (std::vector<std::string>{"0/2", "100/1", "0/1", "0/2"}));
 }
 
-TEST_F(Commands, RealtimeReadQueueAndCheckLife)
-{
-    const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 10, 2);
-    run(cmd_realtime_read, request(4, r));
-    EXPECT_EQ(reply(), status(4, 0, 1));
-    ASSERT_EQ(requests().size(), 1u);
-    RORT_node* n = requests()[0];
-    EXPECT_EQ(n->req_type, 0);
-    EXPECT_EQ(n->data_len, 4);
-
-    run(cmd_realtime_readcheck, request(6, r));
-    EXPECT_EQ(reply(), status(6, 0, 1));
-    ASSERT_EQ(requests().size(), 1u);
-
-    complete(n, 1, {1, 2, 3, 4});
-    run(cmd_realtime_readcheck, request(6, r));
-    EXPECT_EQ(reply(), data_reply(6, {1, 2, 3, 4}));
-    EXPECT_TRUE(requests().empty());
-
-    testing::internal::CaptureStdout();
-    run(cmd_realtime_readcheck, request(6, r));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "REAL_WRITE Don't find the realtime_req 0x6\r\n");
-    EXPECT_EQ(reply(), status(6, 0, 3));
-
-    // No answer and other failures are reported once and collected.
-    for (const auto& [st, err] : {std::pair{2, 2}, std::pair{3, 3}}) {
-        run(cmd_realtime_read, request(4, r));
-        reply();
-        complete(requests()[0], st);
-        run(cmd_realtime_readcheck, request(6, r));
-        EXPECT_EQ(reply(), status(6, 0, static_cast<uint8_t>(err)));
-        EXPECT_TRUE(requests().empty());
-    }
-
-    // Local areas are answered at once and leave nothing to check.
-    std::memcpy(local_short + 2 * 7, "\x34\x12", 2);
-    run(cmd_realtime_read, request(4, make_rec(0, 0, 2, 254, 7, 1)));
-    EXPECT_EQ(reply(), data_reply(4, {0x34, 0x12}));
-    EXPECT_TRUE(requests().empty());
-}
-
 TEST_F(Commands, RequestsThatCannotBeServedAreRefusedOrIgnored)
 {
     const REG_ADDR empty = make_rec(PLAIN_PORT, 1, 2, 1, 0, 0);
-    const REG_ADDR huge = make_rec(PLAIN_PORT, 1, 4, 1, 0, 1100);  // 4400 bytes
-    run(cmd_realtime_read, request(4, empty));
-    EXPECT_EQ(reply(), status(4, 0, 3));
-    run(cmd_com_realtime_read, request(8, huge));
-    EXPECT_EQ(reply(), status(8, 0, 3));
-    run(cmd_write, request(5, huge, {1, 2}));
-    EXPECT_EQ(reply(), status(5, 0, 3));
-    run(cmd_realtime_rw, request(9, empty, rw_block(1, 0, 0, 0, 0, 0)));
-    EXPECT_EQ(reply(), status(9, 0, 3));
-    // A local range past the end of its area.
-    run(cmd_realtime_rw, request(9, make_rec(0, 0, 2, 254, 5000, 1), rw_block(1, 0, 0, 0, 0, 0)));
-    EXPECT_EQ(reply(), status(9, 0, 3));
-    EXPECT_TRUE(requests().empty());
-
-    const REG_ADDR none = make_rec(PLAIN_PORT, 1, 2, 243, 0, 1);
-    run(cmd_realtime_read, request(4, none));
-    run(cmd_com_realtime_read, request(8, none));
-    run(cmd_write, request(5, none, {1, 2}));
-    run(cmd_realtime_rw, request(9, none, rw_block(1, 0, 0, 0, 0, 0)));
-    EXPECT_TRUE(reply().empty());
+    const REG_ADDR huge = make_rec(PLAIN_PORT, 1, 4, 1, 0, 1100); // 4400 bytes
+    const Bytes op = rw_block(1, 0, 0);
+    const REG_ADDR none = make_rec(PLAIN_PORT, 1, 2, 243, 0, 1); // kinds 241..248: not answered at all
+    auto refused = [&](Handler h, uint8_t cmd, const REG_ADDR& r, const Bytes& extra = {}) {
+        EXPECT_EQ(run(h, request(cmd, r, extra)), status(cmd, 0, 3)) << int(cmd);
+        EXPECT_TRUE(run(h, request(cmd, none, extra)).empty()) << int(cmd);
+    };
+    refused(cmd_realtime_read, 4, empty);
+    refused(cmd_com_realtime_read, 8, huge);
+    refused(cmd_write, 5, huge, {1, 2});
+    refused(cmd_realtime_rw, 9, empty, op);
+    refused(cmd_realtime_rw, 9, make_rec(0, 0, 2, 254, 5000, 1), op); // past the local area
     EXPECT_TRUE(requests().empty());
 }
 
 TEST_F(Commands, WriteAndWritecheck)
 {
     const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 0, 3);
-    run(cmd_write, request(5, r, {0xAA, 0xBB}));  // shorter than the 6-byte range
-    EXPECT_EQ(reply(), status(5, 0, 1));
-    ASSERT_EQ(requests().size(), 1u);
-    RORT_node* n = requests()[0];
+    EXPECT_EQ(run(cmd_write, request(5, r, {0xAA, 0xBB})), status(5, 0, 1)); // shorter than the 6-byte range
+    RORT_node* n = requests().at(0);
     EXPECT_EQ(n->req_type, 1);
-    ASSERT_GE(n->data_len, 6);
-    EXPECT_EQ(Bytes(n->data, n->data + 6), (Bytes{0xAA, 0xBB, 0, 0, 0, 0}));
-
-    testing::internal::CaptureStdout();
-    run(cmd_writecheck, request(7, r));
-    EXPECT_EQ(reply(), status(7, 0, 1));
+    EXPECT_EQ(Bytes(n->data, n->data + n->data_len), (Bytes{0xAA, 0xBB, 0, 0, 0, 0}));
+    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 0, 1));
+    EXPECT_EQ(out_, " 0x7:status=0\r\n");
     complete(n, 1);
-    run(cmd_writecheck, request(7, r));
-    EXPECT_EQ(reply(), status(7, 1, 0));
-    run(cmd_writecheck, request(7, r));
-    EXPECT_EQ(reply(), status(7, 0, 3));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              " 0x7:status=0\r\n 0x7:status=1\r\nREAL_WRITE Don't find the realtime_req 0x7\r\n");
+    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 1, 0));
+    EXPECT_EQ(out_, " 0x7:status=1\r\n");
+    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 0, 3));
+    EXPECT_EQ(out_, std::string(NOT_FOUND) + "7\r\n");
 
     // Longer data are kept whole; a byte address inside a 32-bit register
     // is found by its check; a write that got no answer reports err 2.
     REG_ADDR bytes_in_dword = make_rec(S1_PORT, 1, 4, 1, 13, 1);
     bytes_in_dword.addr_unit = 1;
-    run(cmd_write, request(5, bytes_in_dword, {1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(reply(), status(5, 0, 1));
+    EXPECT_EQ(run(cmd_write, request(5, bytes_in_dword, {1, 2, 3, 4, 5, 6})), status(5, 0, 1));
     n = requests().at(0);
     EXPECT_EQ(n->reg_addr.byte_offset, 1);
-    ASSERT_GE(n->data_len, 6);
-    EXPECT_EQ(Bytes(n->data, n->data + 6), (Bytes{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(Bytes(n->data, n->data + n->data_len), (Bytes{1, 2, 3, 4, 5, 6}));
     complete(n, 2);
-    testing::internal::CaptureStdout();
-    run(cmd_writecheck, request(7, bytes_in_dword));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), " 0x7:status=2\r\n");
-    EXPECT_EQ(reply(), status(7, 0, 2));
+    EXPECT_EQ(run(cmd_writecheck, request(7, bytes_in_dword)), status(7, 0, 2));
+    EXPECT_EQ(out_, " 0x7:status=2\r\n");
     EXPECT_TRUE(requests().empty());
 
-    // A local write is done at once; there is nothing to check afterwards.
-    testing::internal::CaptureStdout();
+    // Local writes and reads are done at once; there is nothing to check afterwards.
     const REG_ADDR local = make_rec(0, 0, 2, 254, 4, 1);
-    run(cmd_write, request(5, local, {0x78, 0x56}));
-    EXPECT_EQ(reply(), status(5, 1, 0));
+    EXPECT_EQ(run(cmd_write, request(5, local, {0x78, 0x56})), status(5, 1, 0));
     EXPECT_EQ(word(4), 0x5678);
-    run(cmd_writecheck, request(7, local));
-    EXPECT_EQ(reply(), status(7, 0, 3));
-    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(run(cmd_writecheck, request(7, local)), status(7, 0, 3));
+    EXPECT_EQ(run(cmd_realtime_read, request(4, local)), data_reply(4, {0x78, 0x56}));
+    EXPECT_TRUE(requests().empty());
 }
 
 TEST_F(Commands, ReadModifyWriteLocalAtOnceAndPlcQueued)
 {
-    // Ping-pong on a local word: up by 2 from 9 passes the upper limit 10,
-    // so the value stops at 10 and the direction turns to 0.
-    std::memcpy(local_short + 2 * 3, "\x09\x00", 2);
-    const REG_ADDR local = make_rec(0, 0, 2, 254, 3, 1);
-    run(cmd_realtime_rw, request(9, local, rw_block(4, 2, 10, 0, 1, 0)));
-    EXPECT_EQ(reply(), packet({9, 1, 0}));
+    // Ping-pong up by 2 from 9 passes the upper limit 10: the value stops at
+    // 10 and the direction turns to 0.
+    word(3) = 9;
+    EXPECT_EQ(run(cmd_realtime_rw, request(9, make_rec(0, 0, 2, 254, 3, 1), rw_block(4, 2, 10, 1))),
+              packet({9, 1, 0}));
     EXPECT_EQ(word(3), 10);
 
     const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 20, 1);
-    run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 0, 3)));
-    EXPECT_EQ(reply(), status(9, 0, 1));
-    ASSERT_EQ(requests().size(), 1u);
-    RORT_node* n = requests()[0];
+    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 3))), status(9, 0, 1));
+    RORT_node* n = requests().at(0);
     EXPECT_EQ(n->req_type, 2);
     EXPECT_EQ(n->rw_oper.value_type, 3);
     EXPECT_EQ(n->data_len, 2);
-
-    testing::internal::CaptureStdout();
-    run(cmd_realtime_rw_check, request(10, r, rw_block(5, 2, 100, 0, 0, 3)));  // other step
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "REAL_WRITE Don't find the realtime_req 0xa\r\n");
-    EXPECT_EQ(reply(), status(10, 0, 3));
-    run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 0, 3)));
-    EXPECT_EQ(reply(), status(10, 0, 1));
+    // The step is part of the request's identity; direction and type are not.
+    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 2, 100, 0, 3))), status(10, 0, 3));
+    EXPECT_EQ(out_, std::string(NOT_FOUND) + "a\r\n");
+    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 3))), status(10, 0, 1));
     {
         std::lock_guard lock(mutex);
         n->status = 1;
-        n->rw_oper.direction = 0x101;  // the result byte is the low byte
+        n->rw_oper.direction = 0x101; // the result byte is the low byte
     }
-    run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 7, 0)));
-    EXPECT_EQ(reply(), packet({10, 1, 1}));
+    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 7))), packet({10, 1, 1}));
     EXPECT_TRUE(requests().empty());
 
-    // Operation codes the port thread does not know are queued all the same
-    // (it completes them as failed).
-    run(cmd_realtime_rw, request(9, r, rw_block(300, 1, 0, 0, 0, 0)));
-    EXPECT_EQ(reply(), status(9, 0, 1));
+    // Unknown operation codes are queued all the same (the port thread fails them).
+    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block(300, 1, 0))), status(9, 0, 1));
     clear_requests();
 
     // A request of 38 body bytes has value type 0; failures print their line.
-    for (const auto& [st, line, err] : {std::tuple{2, "Write timeout\r\n", 2}, std::tuple{3, "Write Error\r\n", 3}}) {
-        run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 0, 3, true)));
-        reply();
-        ASSERT_EQ(requests().size(), 1u);
-        EXPECT_EQ(requests()[0]->rw_oper.value_type, 0);
-        complete(requests()[0], st);
-        testing::internal::CaptureStdout();
-        run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 0, 0, true)));
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
-        EXPECT_EQ(reply(), status(10, 0, static_cast<uint8_t>(err)));
+    for (const auto& [st, line] : {std::pair<uint8_t, const char*>{2, "Write timeout\r\n"}, {3, "Write Error\r\n"}}) {
+        run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 3, true)));
+        EXPECT_EQ(requests().at(0)->rw_oper.value_type, 0);
+        complete(requests().at(0), st);
+        EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 0, true))), status(10, 0, st));
+        EXPECT_EQ(out_, line);
         EXPECT_TRUE(requests().empty());
     }
 }
@@ -387,47 +290,46 @@ TEST_F(Commands, ComRealtimeReadWalksAdjacentCachesOrQueues)
     cache(make_rec(PLAIN_PORT, 1, 2, 1, 10, 2), 1, {9, 9, 9, 9});
     ORG_node* second = cache(make_rec(PLAIN_PORT, 1, 2, 1, 14, 6), 1, {0, 5, 0, 6, 0, 7, 0, 8, 0, 9, 0, 10});
     const REG_ADDR across = make_rec(PLAIN_PORT, 1, 2, 1, 12, 5);
-    run(cmd_com_realtime_read, request(8, across));
-    EXPECT_EQ(reply(), data_reply(8, {0, 3, 0, 4, 0, 5, 0, 6, 0, 7}));
+    EXPECT_EQ(run(cmd_com_realtime_read, request(8, across)), data_reply(8, {0, 3, 0, 4, 0, 5, 0, 6, 0, 7}));
     EXPECT_TRUE(requests().empty());
 
     // Bits 6..9 from two bit ranges.
     cache(make_rec(PLAIN_PORT, 1, 0, 2, 0, 8), 1, {0x40});
     cache(make_rec(PLAIN_PORT, 1, 0, 2, 8, 8), 1, {0x02});
-    run(cmd_com_realtime_read, request(8, make_rec(PLAIN_PORT, 1, 0, 2, 6, 4)));
-    EXPECT_EQ(reply(), data_reply(8, {0x09}));
+    EXPECT_EQ(run(cmd_com_realtime_read, request(8, make_rec(PLAIN_PORT, 1, 0, 2, 6, 4))), data_reply(8, {0x09}));
 
     // A byte-addressed 32-bit read on a Siemens-family port: the data start
     // at the request's byte offset and go out with their halves exchanged.
     REG_ADDR dwords = make_rec(S1_PORT, 1, 4, 1, 2, 4);
     dwords.addr_unit = 1;
     Bytes d(16);
-    for (int i = 0; i < 16; ++i)
-        d[i] = static_cast<uint8_t>(i);
+    std::iota(d.begin(), d.end(), 0);
     cache(dwords, 1, d);
-    REG_ADDR split = make_rec(S1_PORT, 1, 4, 1, 13, 1);  // byte 13: dword 3, offset 1
+    REG_ADDR split = make_rec(S1_PORT, 1, 4, 1, 13, 1); // byte 13: dword 3, offset 1
     split.addr_unit = 1;
-    run(cmd_com_realtime_read, request(8, split));
-    EXPECT_EQ(reply(), data_reply(8, {7, 8, 5, 6, 11, 0, 9, 10}));
+    EXPECT_EQ(run(cmd_com_realtime_read, request(8, split)), data_reply(8, {7, 8, 5, 6, 11, 0, 9, 10}));
 
     // One range without valid data, or a start beyond 16-bit register
-    // numbers: queued as a realtime read.
+    // numbers: queued as a realtime read, collected once with command 6.
     second->status = 0;
-    testing::internal::CaptureStdout();
-    run(cmd_com_realtime_read, request(8, across));
-    EXPECT_EQ(reply(), status(8, 0, 1));
+    EXPECT_EQ(run(cmd_com_realtime_read, request(8, across)), status(8, 0, 1));
+    EXPECT_EQ(out_, "insert_realtime\r\n");
     cache(make_rec(PLAIN_PORT, 1, 2, 1, 32700, 200), 1);
-    run(cmd_com_realtime_read, request(8, make_rec(PLAIN_PORT, 1, 2, 1, 32768, 2)));
-    EXPECT_EQ(reply(), status(8, 0, 1));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "insert_realtime\r\ninsert_realtime\r\n");
+    const REG_ADDR far = make_rec(PLAIN_PORT, 1, 2, 1, 32768, 2);
+    EXPECT_EQ(run(cmd_com_realtime_read, request(8, far)), status(8, 0, 1));
     ASSERT_EQ(requests().size(), 2u);
-    EXPECT_EQ(requests()[0]->req_type, 0);
-    EXPECT_TRUE(reg_addr_equal(requests()[0]->reg_addr, across));
-
-    // The queued read is collected with command 6.
-    complete(requests()[0], 1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
-    run(cmd_realtime_readcheck, request(6, across));
-    EXPECT_EQ(reply(), data_reply(6, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    RORT_node* n = requests()[0];
+    EXPECT_EQ(n->req_type, 0);
+    EXPECT_EQ(n->data_len, 10);
+    EXPECT_TRUE(reg_addr_equal(n->reg_addr, across));
+    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), status(6, 0, 1));
+    complete(n, 1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), data_reply(6, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), status(6, 0, 3));
+    EXPECT_EQ(out_, std::string(NOT_FOUND) + "6\r\n");
+    complete(requests().at(0), 3);
+    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, far)), status(6, 0, 3));
+    EXPECT_TRUE(requests().empty());
 }
 
 } // namespace

@@ -9,111 +9,64 @@
 
 namespace {
 
-std::vector<uint8_t> bytes(const uint8_t* p, size_t n)
-{
-    return {p, p + n};
-}
+using Bytes = std::vector<uint8_t>;
 
-TEST(Protocol, StatusPacketOnTheWire)
+Bytes bytes(const uint8_t* p, size_t n) { return {p, p + n}; }
+
+TEST(Protocol, RepliesOnTheWire)
 {
     std::array<uint8_t, PACKET_BUF_SIZE> out{};
     size_t n = produce_ack_pack(out.data(), head, com_read_err_01, 4);
-    EXPECT_EQ(bytes(out.data(), n),
-              (std::vector<uint8_t>{0x01, 0, 0, 0, 0, 0, 0, 0, 0x04, 0x00, 0x03, 0x00, 0x01, 0x04}));
-
+    EXPECT_EQ(bytes(out.data(), n), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 3, 0, 1, 4}));
     n = produce_ack_pack(out.data(), head, register_ok, 3);
-    EXPECT_EQ(bytes(out.data(), n),
-              (std::vector<uint8_t>{0x01, 0, 0, 0, 0, 0, 0, 0, 0x03, 0x00, 0x01, 0x01, 0x02}));
-}
+    EXPECT_EQ(bytes(out.data(), n), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 1, 1, 2}));
+    n = produce_rw_ack_pack(out.data(), head, 0x02, CMD_REALTIME_RW);
+    EXPECT_EQ(bytes(out.data(), n), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 9, 1, 2, 0x0c}));
+    const uint8_t data[] = {0x11, 0x22, 0x33, 0x44};
+    n = produce_read_ack_pack(out.data(), head, 4, CMD_COM_READ, data);
+    EXPECT_EQ(bytes(out.data(), n), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 9, 0, 3, 1, 4, 0, 0x11, 0x22, 0x33, 0x44, 0xb2}));
 
-TEST(Protocol, EveryStatusPacketCarriesItsSum)
-{
-    struct Item {
-        const uint8_t* p;
-        uint8_t command, ok, err;
+    const std::pair<const uint8_t*, Bytes> fixed[] = {
+        {unregister_ok, {2, 1, 3}}, {com_read_err_02, {3, 0, 2, 5}}, {com_read_err_03, {3, 0, 3, 6}},
+        {realtime_read_err_01, {4, 0, 1, 5}}, {write_success, {5, 1, 0, 6}}, {write_err_01, {5, 0, 1, 6}},
+        {realtime_readcheck_err_01, {6, 0, 1, 7}}, {realtime_readcheck_err_02, {6, 0, 2, 8}},
+        {realtime_readcheck_err_03, {6, 0, 3, 9}}, {writecheck_success, {7, 1, 0, 8}},
+        {writecheck_err_01, {7, 0, 1, 8}}, {writecheck_err_02, {7, 0, 2, 9}}, {writecheck_err_03, {7, 0, 3, 10}},
+        {com_realtime_read_err_01, {8, 0, 1, 9}}, {realtime_rw_err_01, {9, 0, 1, 10}},
+        {realtime_rw_check_err_01, {10, 0, 1, 11}}, {realtime_rw_check_err_02, {10, 0, 2, 12}},
+        {realtime_rw_check_err_03, {10, 0, 3, 13}},
     };
-    const Item items[] = {
-        {com_read_err_01, 3, 0, 1},           {com_read_err_02, 3, 0, 2},
-        {com_read_err_03, 3, 0, 3},           {realtime_read_err_01, 4, 0, 1},
-        {write_success, 5, 1, 0},             {write_err_01, 5, 0, 1},
-        {realtime_readcheck_err_01, 6, 0, 1}, {realtime_readcheck_err_02, 6, 0, 2},
-        {realtime_readcheck_err_03, 6, 0, 3}, {writecheck_success, 7, 1, 0},
-        {writecheck_err_01, 7, 0, 1},         {writecheck_err_02, 7, 0, 2},
-        {writecheck_err_03, 7, 0, 3},         {com_realtime_read_err_01, 8, 0, 1},
-        {realtime_rw_err_01, 9, 0, 1},        {realtime_rw_check_err_01, 10, 0, 1},
-        {realtime_rw_check_err_02, 10, 0, 2}, {realtime_rw_check_err_03, 10, 0, 3},
-    };
-    for (const Item& it : items) {
-        SCOPED_TRACE(int(it.command) * 10 + it.err);
-        EXPECT_EQ(it.p[0], it.command);
-        EXPECT_EQ(it.p[1], it.ok);
-        EXPECT_EQ(it.p[2], it.err);
-        EXPECT_EQ(it.p[3], check_sum(it.p, 3));
-    }
-    EXPECT_EQ(bytes(register_ok, 3), (std::vector<uint8_t>{1, 1, 2}));
-    EXPECT_EQ(bytes(unregister_ok, 3), (std::vector<uint8_t>{2, 1, 3}));
-    EXPECT_EQ(writecheck_err_03[3], 0x0a);
-    EXPECT_EQ(realtime_rw_check_err_03[3], 0x0d);
-}
+    for (const auto& [packet, expect] : fixed)
+        EXPECT_EQ(bytes(packet, expect.size()), expect);
 
-TEST(Protocol, CheckSumWrapsAndIgnoresNonPositiveLength)
-{
-    const uint8_t buf[] = {0xff, 0x02, 0x80, 0x80};
+    const uint8_t buf[] = {0xff, 0x02, 0x80, 0x80};  // the sum wraps; no bytes sum to 0
     EXPECT_EQ(check_sum(buf, 4), 0x01);
-    EXPECT_EQ(check_sum(buf, 1), 0xff);
     EXPECT_EQ(check_sum(buf, 0), 0);
     EXPECT_EQ(check_sum(buf, -5), 0);
 }
 
-TEST(Protocol, DataReplyExample)
-{
-    std::array<uint8_t, PACKET_BUF_SIZE> out{};
-    const uint8_t data[] = {0x11, 0x22, 0x33, 0x44};
-    size_t n = produce_read_ack_pack(out.data(), head, 4, CMD_COM_READ, data);
-    EXPECT_EQ(bytes(out.data(), n), (std::vector<uint8_t>{0x01, 0, 0, 0, 0, 0, 0, 0, 0x09, 0x00, 0x03,
-                                                         0x01, 0x04, 0x00, 0x11, 0x22, 0x33, 0x44, 0xb2}));
-    EXPECT_EQ(parse_package_len(out.data()), 9);
-    EXPECT_EQ(parse_command(out.data()), 3);
-}
-
-TEST(Protocol, SwappedReplyExchangesWholeGroupsOnly)
-{
-    std::array<uint8_t, PACKET_BUF_SIZE> out{};
-    const uint8_t data[] = {1, 2, 3, 4, 5, 6};
-    size_t n = produce_read_ack_pack_simens(out.data(), head, 6, CMD_REALTIME_READCHECK, data);
-    ASSERT_EQ(n, 21u);
-    EXPECT_EQ(parse_package_len(out.data()), 11);
-    EXPECT_EQ(bytes(out.data() + 10, 4), (std::vector<uint8_t>{6, 1, 6, 0}));
-    EXPECT_EQ(bytes(out.data() + 14, 6), (std::vector<uint8_t>{3, 4, 1, 2, 5, 6}));
-    EXPECT_EQ(out[20], check_sum(out.data() + 10, 10));
-}
-
 TEST(Protocol, SwappedReplyBeyondOldScratchSizeAndOversizedReplies)
 {
+    std::array<uint8_t, PACKET_BUF_SIZE> out{};
+    // An odd trailing pair stays in place; only whole 4-byte groups swap halves.
+    const uint8_t six[] = {1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(produce_read_ack_pack_simens(out.data(), head, 6, CMD_REALTIME_READCHECK, six), 21u);
+    EXPECT_EQ(bytes(out.data() + 8, 12), (Bytes{11, 0, 6, 1, 6, 0, 3, 4, 1, 2, 5, 6}));
+    EXPECT_EQ(out[20], check_sum(out.data() + 10, 10));
+
     // 2048 data bytes: every group is swapped, the last one included.
-    std::vector<uint8_t> data(2048);
+    Bytes data(2048);
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = static_cast<uint8_t>(i * 7);
-    std::array<uint8_t, PACKET_BUF_SIZE> out{};
-    size_t n = produce_read_ack_pack_simens(out.data(), head, 2048, CMD_COM_READ, data.data());
-    ASSERT_EQ(n, 2048u + 15u);
-    EXPECT_EQ(bytes(out.data() + 14 + 2044, 4),
-              (std::vector<uint8_t>{data[2046], data[2047], data[2044], data[2045]}));
+    ASSERT_EQ(produce_read_ack_pack_simens(out.data(), head, 2048, CMD_COM_READ, data.data()), 2048u + 15u);
+    EXPECT_EQ(bytes(out.data() + 14 + 2044, 4), (Bytes{data[2046], data[2047], data[2044], data[2045]}));
     EXPECT_EQ(out[14 + 2048], check_sum(out.data() + 10, 2048 + 4));
 
     // A reply that cannot fit the 4096-byte buffer is not built.
-    std::vector<uint8_t> big(PACKET_BUF_SIZE);
+    Bytes big(PACKET_BUF_SIZE);
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack_simens(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 15, 3, big.data()), PACKET_BUF_SIZE);
-}
-
-TEST(Protocol, ResultReply)
-{
-    std::array<uint8_t, PACKET_BUF_SIZE> out{};
-    size_t n = produce_rw_ack_pack(out.data(), head, 0x02, CMD_REALTIME_RW);
-    EXPECT_EQ(bytes(out.data(), n),
-              (std::vector<uint8_t>{0x01, 0, 0, 0, 0, 0, 0, 0, 0x04, 0x00, 0x09, 0x01, 0x02, 0x0c}));
 }
 
 TEST(Protocol, SubReadEntries)
@@ -121,48 +74,21 @@ TEST(Protocol, SubReadEntries)
     uint8_t entry[16] = {};
     const uint8_t data[] = {1, 2, 3, 4, 5};
     EXPECT_EQ(produce_sub_read_ack_pack(entry, 5, data), 8u);
-    EXPECT_EQ(bytes(entry, 8), (std::vector<uint8_t>{1, 5, 0, 1, 2, 3, 4, 5}));
-
-    std::memset(entry, 0, sizeof entry);
+    EXPECT_EQ(bytes(entry, 8), (Bytes{1, 5, 0, 1, 2, 3, 4, 5}));
     EXPECT_EQ(produce_sub_read_ack_pack_simens(entry, 5, data), 8u);
-    EXPECT_EQ(bytes(entry, 8), (std::vector<uint8_t>{1, 5, 0, 3, 4, 1, 2, 5}));
-}
+    EXPECT_EQ(bytes(entry, 8), (Bytes{1, 5, 0, 3, 4, 1, 2, 5}));
 
-TEST(Protocol, ModbusExtendEntryTakesBitsAcrossWords)
-{
-    // Words 0x8421 and 0x00f0, little-endian.
+    // Modbus bit view over words 0x8421, 0x00f0: bits 5..20 are 0x8421 >> 5
+    // (11 bits) then the low 5 bits of 0x00f0; every bit of the range is written.
     const uint8_t words[] = {0x21, 0x84, 0xf0, 0x00};
-    uint8_t entry[8];
-    std::memset(entry, 0xff, sizeof entry);  // every bit of the range must be written
-    // Bits 5..20: bits 5..15 of word 0, then bits 0..4 of word 1.
+    std::memset(entry, 0xff, sizeof entry);
     EXPECT_EQ(produce_sub_read_ack_pack_Modbus_Extend(entry, 16, words, 5), 5u);
-    EXPECT_EQ(entry[0], 1);
-    EXPECT_EQ(entry[1], 16);
-    EXPECT_EQ(entry[2], 0);
-    // 0x8421 >> 5 = 0x0421 (11 bits), then the low 5 bits of 0x00f0 = 0x10.
-    uint16_t expect = static_cast<uint16_t>(0x0421 | (0x10 << 11));
-    EXPECT_EQ(entry[3], expect & 0xff);
-    EXPECT_EQ(entry[4], expect >> 8);
-
+    const uint16_t expect = 0x0421 | (0x10 << 11);
+    EXPECT_EQ(bytes(entry, 5), (Bytes{1, 16, 0, uint8_t(expect & 0xff), uint8_t(expect >> 8)}));
     // 3 bits leave the rest of their byte alone.
     std::memset(entry, 0xff, sizeof entry);
     EXPECT_EQ(produce_sub_read_ack_pack_Modbus_Extend(entry, 3, words, 15), 4u);
-    EXPECT_EQ(entry[3], 0xf8 | 0x01);  // bit 15 of word 0 set, bits 0, 1 of word 1 clear
-}
-
-TEST(Protocol, RequestAccessors)
-{
-    uint8_t pkt[40] = {};
-    pkt[8] = 22;  // a write of 4 data bytes
-    pkt[10] = CMD_WRITE;
-    pkt[11] = 7;
-    EXPECT_EQ(parse_command(pkt), CMD_WRITE);
-    EXPECT_EQ(parse_REG_ADDR_NUM(pkt), 7);
-    EXPECT_EQ(parse_package_len(pkt), 22);
-    EXPECT_EQ(cal_write_data_length(pkt), 4);
-    pkt[8] = 0x34;
-    pkt[9] = 0x12;
-    EXPECT_EQ(parse_package_len(pkt), 0x1234);
+    EXPECT_EQ(entry[3], 0xf8 | 0x01);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// Queueing, merging, capacity and lookup of realtime requests.
+// Queueing, merging, capacity and lookup of realtime requests. The tests run
+// on one thread, so they call the list operations without taking `mutex`.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -12,145 +12,105 @@ using namespace table_test;
 
 namespace {
 
+const rw_oper no_op{};
+
 class RealtimeList : public testing::Test {
 protected:
     void SetUp() override
     {
         reset_area_tables();
-        clear_requests();
+        TearDown();
     }
-    void TearDown() override { clear_requests(); }
-
-    static void clear_requests()
+    void TearDown() override
     {
-        std::lock_guard<std::mutex> lock(mutex);
         while (RORT_link_head->next != RORT_link_tail)
             delete_realtime_link(RORT_link_head->next);
     }
 
-    // Queues a request the way the client commands do; returns the node
-    // (which the list may already have freed when it refused it).
-    static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0, int32_t dir = 0)
+    // Queues a request as the client commands do; the list may free it at once.
+    static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0)
     {
         RORT_node* n = new_realtime_node(cal_commbuf_size(rec));
         n->rw_oper.op_code = op;
-        n->rw_oper.direction = dir;
-        std::lock_guard<std::mutex> lock(mutex);
+        n->rw_oper.direction = 1;
         insert_realtime_link(n, rec, type);
         return n;
     }
-
-    static int list_len()
+    // Nodes in the list, which must match the counter.
+    static int queued()
     {
         int n = 0;
         for (RORT_node* r = RORT_link_head->next; r != RORT_link_tail; r = r->next)
             ++n;
+        EXPECT_EQ(n, real_link_len);
         return n;
     }
 
     LocalBits bits;
+    const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
 };
 
-const rw_oper no_op{};
-
-TEST_F(RealtimeList, NodeAllocationAndInsertInitialisation)
+TEST_F(RealtimeList, NodeAllocation)
 {
-    // A request without data still owns a valid one-byte buffer.
-    RORT_node* n = new_realtime_node(-3);
+    RORT_node* n = new_realtime_node(-3);   // no data: still a one-byte buffer
     ASSERT_NE(n, nullptr);
     EXPECT_NE(n->data, nullptr);
     EXPECT_EQ(n->data_len, 0);
     free_realtime_node(n);
 
     n = new_realtime_node(5);
-    EXPECT_EQ(n->data_len, 5);
-    EXPECT_EQ(std::vector<uint8_t>(n->data, n->data + 5), std::vector<uint8_t>(5, 0));
+    EXPECT_EQ(std::vector<uint8_t>(n->data, n->data + n->data_len), std::vector<uint8_t>(5, 0));
     n->age = 7;
     n->status = 3;
-    const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
-    std::lock_guard<std::mutex> lock(mutex);
     insert_realtime_link(n, a, 1);
-    EXPECT_EQ(n->age, 0);
-    EXPECT_EQ(n->status, 0);
-    EXPECT_EQ(n->req_type, 1);
-    EXPECT_TRUE(reg_addr_equal(n->reg_addr, a));
-    EXPECT_EQ(real_link_len, 1);
+    EXPECT_TRUE(n->age == 0 && n->status == 0 && n->req_type == 1 && reg_addr_equal(n->reg_addr, a));
+    EXPECT_EQ(queued(), 1);
     delete_realtime_link(n);
-    EXPECT_EQ(real_link_len, 0);
-    EXPECT_EQ(RORT_link_head->next, RORT_link_tail);
-    EXPECT_EQ(RORT_link_tail->prev, RORT_link_head);
+    EXPECT_EQ(queued(), 0);
 }
 
-TEST_F(RealtimeList, EqualReadsQueueTwiceUnlessMergeFlagSet)
+TEST_F(RealtimeList, EqualReadsMergeOnlyWithTheFlagAndCapacityIs2001)
 {
-    REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
     RORT_node* first = queue(a, 0);
-    RORT_node* second = queue(a, 0);
-    EXPECT_EQ(real_link_len, 2);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        EXPECT_EQ(find_realtime_link(a, no_op, 0), first);
-        delete_realtime_link(first);
-        EXPECT_EQ(find_realtime_link(a, no_op, 0), second);
-        delete_realtime_link(second);
-        EXPECT_EQ(find_realtime_link(a, no_op, 0), nullptr);
-    }
+    queue(a, 0);
+    EXPECT_EQ(queued(), 2);
+    delete_realtime_link(first);
+    delete_realtime_link(RORT_link_head->next);
 
-    set_bit(9262); // merge equal realtime reads
+    set_bit(9262);   // merge equal realtime reads
     first = queue(a, 0);
-    queue(a, 0);     // refused: freed by the list
-    EXPECT_EQ(real_link_len, 1);
+    queue(a, 0);   // refused: freed by the list
     REG_ADDR other = a;
     other.bcd_flag = 1;
-    queue(other, 0); // a different record is queued
-    queue(a, 1);     // writes are never merged
+    queue(other, 0);
+    queue(a, 1);   // writes are never merged
     queue(a, 1);
-    EXPECT_EQ(real_link_len, 4);
-    EXPECT_EQ(list_len(), 4);
-    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(queued(), 4);
     EXPECT_EQ(find_realtime_link(a, no_op, 0), first);
-    delete_realtime_link(first);
-    EXPECT_EQ(find_realtime_link(a, no_op, 0), nullptr);
-}
+    TearDown();
 
-TEST_F(RealtimeList, CapacityRefusesBeyond2001)
-{
     for (int i = 0; i < 2001; ++i)
         queue(make_rec(1, 1, 2, 3, i, 1), 1);
-    EXPECT_EQ(real_link_len, 2001);
-    REG_ADDR late = make_rec(1, 1, 2, 3, 5000, 1);
-    queue(late, 0);
-    EXPECT_EQ(real_link_len, 2001);
-    EXPECT_EQ(list_len(), 2001);
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(find_realtime_link(late, no_op, 0), nullptr);
-
-    // Once one is collected there is room again.
-    delete_realtime_link(RORT_link_head->next);
-    RORT_node* n = new_realtime_node(2);
-    insert_realtime_link(n, late, 0);
-    EXPECT_EQ(find_realtime_link(late, no_op, 0), n);
-    EXPECT_EQ(real_link_len, 2001);
+    queue(a, 0);
+    EXPECT_EQ(queued(), 2001);
+    EXPECT_EQ(find_realtime_link(a, no_op, 0), nullptr);
+    delete_realtime_link(RORT_link_head->next);   // once one is collected there is room again
+    RORT_node* n = queue(a, 0);
+    EXPECT_EQ(find_realtime_link(a, no_op, 0), n);
 }
 
 TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
 {
-    REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
-    RORT_node* rmw = queue(a, 2, /*op=*/5, /*dir=*/1);
+    RORT_node* rmw = queue(a, 2, 5);
     RORT_node* rd = queue(a, 0);
-    rd->status = 1; // status does not matter for lookup
-
+    rd->status = 1;   // status does not matter for lookup
     rw_oper key{};
     key.op_code = 5;
-    key.direction = 9; // only the first 16 bytes take part
-    std::lock_guard<std::mutex> lock(mutex);
+    key.direction = 9;   // only the first 16 bytes take part
     EXPECT_EQ(find_realtime_link(a, key, 2), rmw);
-    key.op_code = 6;
-    EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
-    key.op_code = 5;
     key.limit_low = 1;
     EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
-    EXPECT_EQ(find_realtime_link(a, key, 0), rd); // reads ignore the block
+    EXPECT_EQ(find_realtime_link(a, key, 0), rd);   // reads ignore the block
     EXPECT_EQ(find_realtime_link(a, key, 1), nullptr);
     REG_ADDR tagged = a;
     tagged.rec_tag = 1;
@@ -159,12 +119,10 @@ TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
 
 TEST_F(RealtimeList, CheckReturnsOldestPendingOfItsPort)
 {
-    RORT_node* done = queue(make_rec(1, 1, 2, 3, 0, 1), 0);
+    queue(make_rec(1, 1, 2, 3, 0, 1), 0)->status = 1;
     queue(make_rec(2, 1, 2, 3, 0, 1), 0);
     RORT_node* pending = queue(make_rec(1, 1, 2, 3, 10, 1), 1);
     RORT_node* later = queue(make_rec(1, 1, 2, 3, 20, 1), 0);
-    done->status = 1;
-
     EXPECT_EQ(check_realtime_link(1), pending);
     pending->status = 2;
     EXPECT_EQ(check_realtime_link(1), later);
@@ -172,8 +130,7 @@ TEST_F(RealtimeList, CheckReturnsOldestPendingOfItsPort)
     EXPECT_EQ(check_realtime_link(1), nullptr);
     EXPECT_NE(check_realtime_link(2), nullptr);
     EXPECT_EQ(check_realtime_link(3), nullptr);
-    // It releases the mutex it took.
-    EXPECT_TRUE(mutex.try_lock());
+    EXPECT_TRUE(mutex.try_lock());   // released again
     mutex.unlock();
 }
 

@@ -18,55 +18,37 @@ using namespace table_test;
 
 namespace {
 
-// The fake PLC: a byte memory addressed as start * element size.
+using Bytes = std::vector<uint8_t>;
+
+// The fake PLC: a byte memory addressed as start * element size, with
+// scripted results (0 once a script is exhausted).
 struct DriverCall {
     bool write;
     DrvRegAddr addr;
     int32_t count;
-    std::vector<uint8_t> data;
+    Bytes data;
 };
 uint8_t plc_mem[8192];
-std::deque<int> read_results;  // scripted results; 0 once exhausted
-std::deque<int> write_results;
+std::deque<int> read_results, write_results;
 std::vector<DriverCall> calls;
 
-int next_result(std::deque<int>& q)
+int call(bool write, const DrvRegAddr* a, DrvDataRef* ref)
 {
-    if (q.empty())
-        return 0;
-    const int r = q.front();
-    q.pop_front();
-    return r;
-}
-
-size_t mem_offset(const DrvRegAddr* a) { return static_cast<size_t>(a->reg_addr_start) * std::max<int>(a->reg_type, 1); }
-
-int fake_read(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*)
-{
-    calls.push_back({false, *a, ref->count, {}});
-    const int r = next_result(read_results);
+    const auto n = static_cast<size_t>(RegAddr_Bytes(*a, ref->count));
+    uint8_t* mem = plc_mem + static_cast<size_t>(a->reg_addr_start) * std::max<int>(a->reg_type, 1);
+    calls.push_back({write, *a, ref->count, write ? Bytes(ref->data, ref->data + n) : Bytes{}});
+    std::deque<int>& q = write ? write_results : read_results;
+    const int r = q.empty() ? 0 : q.front();
+    if (!q.empty())
+        q.pop_front();
     if (r == 0)
-        std::memcpy(ref->data, plc_mem + mem_offset(a), static_cast<size_t>(RegAddr_Bytes(*a, ref->count)));
+        std::memcpy(write ? mem : ref->data, write ? ref->data : mem, n);
     return r;
 }
+int fake_read(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return call(false, a, ref); }
+int fake_write(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return call(true, a, ref); }
 
-int fake_write(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*)
-{
-    const auto bytes = static_cast<size_t>(RegAddr_Bytes(*a, ref->count));
-    calls.push_back({true, *a, ref->count, std::vector<uint8_t>(ref->data, ref->data + bytes)});
-    const int r = next_result(write_results);
-    if (r == 0)
-        std::memcpy(plc_mem + mem_offset(a), ref->data, bytes);
-    return r;
-}
-
-std::vector<uint8_t> bytes(std::initializer_list<int> v)
-{
-    std::vector<uint8_t> out;
-    for (int b : v)
-        out.push_back(static_cast<uint8_t>(b));
-    return out;
-}
+rw_oper op(int32_t code, int32_t hi = 100) { return rw_oper{code, 1, hi, 0, 0, 0}; }
 
 class RealtimeService : public testing::Test {
 protected:
@@ -95,216 +77,163 @@ protected:
             delete_realtime_link(RORT_link_head->next);
     }
 
-    static std::unique_ptr<PortThread> port(int driver_no, int deviceport = 1)
+    // The thread of port 1 with the fake driver under the given number.
+    static std::unique_ptr<PortThread> port(int driver_no)
     {
         auto t = std::make_unique<PortThread>();
-        t->port = deviceport;
+        t->port = 1;
+        t->op.port = 1;
         t->usable = true;
         t->drv.driver_no = driver_no;
-        t->drv.read = fake_read;
-        t->drv.write = fake_write;
         t->param.param.plc_driver_no = static_cast<uint16_t>(driver_no);
-        t->op.port = static_cast<uint32_t>(deviceport);
-        t->op.read_fn = fake_read;
-        t->op.write_fn = fake_write;
+        t->drv.read = t->op.read_fn = fake_read;
+        t->drv.write = t->op.write_fn = fake_write;
         return t;
     }
 
     // Queues a request as the client commands do.
-    static RORT_node* queue(const REG_ADDR& rec, int type, const std::vector<uint8_t>& data = {},
-                            rw_oper rw = {}, int data_len = -1)
+    static RORT_node* queue(const REG_ADDR& rec, int type, const Bytes& data = {}, rw_oper rw = {}, int data_len = -1)
     {
         RORT_node* n = new_realtime_node(data_len >= 0 ? data_len : cal_commbuf_size(rec));
-        if (!data.empty())
-            std::memcpy(n->data, data.data(), std::min<size_t>(data.size(), static_cast<size_t>(n->data_len)));
+        std::copy_n(data.begin(), std::min<size_t>(data.size(), static_cast<size_t>(n->data_len)), n->data);
         n->rw_oper = rw;
         std::lock_guard<std::mutex> lock(mutex);
         insert_realtime_link(n, rec, type);
         return n;
     }
 
-    static std::vector<uint8_t> data(const RORT_node* n) { return std::vector<uint8_t>(n->data, n->data + n->data_len); }
-    static std::vector<uint8_t> cache(const ORG_node* o)
+    // Serves one cycle with a fresh call log; returns the request's status.
+    static int serve(PortThread& t, const RORT_node* n)
     {
-        return std::vector<uint8_t>(o->data, o->data + cal_commbuf_size(o->reg_addr));
+        calls.clear();
+        port_serve_realtime(t);
+        return n->status;
     }
-    static ORG_node* reg(const REG_ADDR& r) { return insert_ORT_FAT(r).org; }
-    static int writes()
-    {
-        return static_cast<int>(std::count_if(calls.begin(), calls.end(), [](const DriverCall& c) { return c.write; }));
-    }
+    static Bytes data(const RORT_node* n) { return Bytes(n->data, n->data + n->data_len); }
+    static Bytes cache(const ORG_node* o) { return Bytes(o->data, o->data + cal_commbuf_size(o->reg_addr)); }
 
     LocalBits bits;
 };
-
-rw_oper op(int32_t code, int32_t step = 1, int32_t hi = 100, int32_t lo = 0)
-{
-    return rw_oper{code, step, hi, lo, 0, 0};
-}
 
 TEST_F(RealtimeService, ReadRetriesAndLeavesCachesAlone)
 {
     auto t = port(5);
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = reg(rec);
+    ORG_node* cached = insert_ORT_FAT(rec).org;
     plc_mem[20] = 0x34;
     plc_mem[21] = 0x12;
 
-    RORT_node* lost = queue(rec, 0, bytes({0xAA, 0xBB, 0xCC, 0xDD}));
+    RORT_node* lost = queue(rec, 0, {0xAA, 0xBB, 0xCC, 0xDD});
     read_results = {2, 2, 2};
-    port_serve_realtime(*t);
-    EXPECT_EQ(lost->status, 2);
-    EXPECT_EQ(data(lost), bytes({0xAA, 0xBB, 0xCC, 0xDD}));
+    EXPECT_EQ(serve(*t, lost), 2);
+    EXPECT_EQ(data(lost), (Bytes{0xAA, 0xBB, 0xCC, 0xDD}));
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_EQ(calls[0].addr.addr_unit, 0); // reads carry no address unit
-    EXPECT_EQ(calls[0].addr.reg_addr_start, 10);
-    EXPECT_EQ(calls[0].count, 2);
 
-    calls.clear();
     RORT_node* ok = queue(rec, 0);
     read_results = {3, 0};
-    port_serve_realtime(*t);
-    EXPECT_EQ(ok->status, 1);
+    EXPECT_EQ(serve(*t, ok), 1);
     EXPECT_EQ(calls.size(), 2u);
-    EXPECT_EQ(data(ok), bytes({0x34, 0x12, 0, 0}));
-    EXPECT_EQ(cache(cached), bytes({0, 0, 0, 0}));
+    EXPECT_EQ(data(ok), (Bytes{0x34, 0x12, 0, 0}));
+    EXPECT_EQ(cache(cached), Bytes(4, 0));
 }
 
 TEST_F(RealtimeService, WriteRefreshesCachesUnlessByteAddressedWordsOfWordOrderDriver)
 {
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = reg(rec);
+    ORG_node* cached = insert_ORT_FAT(rec).org;
+    auto siemens = port(450), plain = port(5);
 
-    auto siemens = port(450);
-    RORT_node* w1 = queue(rec, 1, bytes({1, 2, 3, 4}));
-    port_serve_realtime(*siemens);
-    EXPECT_EQ(w1->status, 1);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].addr.addr_unit, 1);
-    EXPECT_EQ(calls[0].data, bytes({1, 2, 3, 4}));
-    EXPECT_EQ(cache(cached), bytes({0, 0, 0, 0}));
+    EXPECT_EQ(serve(*siemens, queue(rec, 1, {1, 2, 3, 4})), 1);
+    EXPECT_EQ(calls.at(0).addr.addr_unit, 1);
+    EXPECT_EQ(calls.at(0).data, (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(cache(cached), Bytes(4, 0));
+    EXPECT_EQ(serve(*plain, queue(rec, 1, {5, 6, 7, 8})), 1);
+    EXPECT_EQ(cache(cached), (Bytes{5, 6, 7, 8}));
+    EXPECT_EQ(serve(*plain, queue(rec, 1, {9, 9}, {}, 2)), 1); // the rest is sent as zeros
+    EXPECT_EQ(calls.at(0).data, (Bytes{9, 9, 0, 0}));
+    EXPECT_EQ(cache(cached), (Bytes{9, 9, 0, 0}));
 
-    auto plain = port(5);
-    RORT_node* w2 = queue(rec, 1, bytes({5, 6, 7, 8}));
-    port_serve_realtime(*plain);
-    EXPECT_EQ(w2->status, 1);
-    EXPECT_EQ(cache(cached), bytes({5, 6, 7, 8}));
-
-    // Data shorter than the range: the rest is sent as zeros.
-    calls.clear();
-    RORT_node* w3 = queue(rec, 1, bytes({9, 9}), {}, 2);
-    port_serve_realtime(*plain);
-    EXPECT_EQ(w3->status, 1);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].data, bytes({9, 9, 0, 0}));
-    EXPECT_EQ(cache(cached), bytes({9, 9, 0, 0}));
-
-    // Three failures: status of the last, every attempt sends the values, caches kept.
-    calls.clear();
+    // Three failures: status of the last, every attempt sends the values, cache kept.
     write_results = {2, 3, 3};
-    RORT_node* w4 = queue(rec, 1, bytes({7, 7, 7, 7}));
-    port_serve_realtime(*plain);
-    EXPECT_EQ(w4->status, 3);
+    EXPECT_EQ(serve(*plain, queue(rec, 1, {7, 7, 7, 7})), 3);
     ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[2].data, bytes({7, 7, 7, 7}));
-    EXPECT_EQ(cache(cached), bytes({9, 9, 0, 0}));
+    EXPECT_EQ(calls[2].data, (Bytes{7, 7, 7, 7}));
+    EXPECT_EQ(cache(cached), (Bytes{9, 9, 0, 0}));
 }
 
 TEST_F(RealtimeService, PulseWritesOneThenZero)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = reg(rec);
+    ORG_node* cached = insert_ORT_FAT(rec).org;
 
     // The first write fails: no resetting write, the cache already shows 1.
     write_results = {2};
     testing::internal::CaptureStdout();
-    RORT_node* p1 = queue(rec, 2, {}, op(256));
-    port_serve_realtime(*t);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("1:rw function code 0x100\n"), std::string::npos);
-    EXPECT_EQ(p1->status, 2);
+    EXPECT_EQ(serve(*t, queue(rec, 2, {}, op(256))), 2);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("1:rw function code 0x100\n"), std::string::npos);
     ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].data, bytes({1, 0}));
-    EXPECT_EQ(cache(cached), bytes({1, 0}));
+    EXPECT_EQ(calls[0].data, (Bytes{1, 0}));
+    EXPECT_EQ(cache(cached), (Bytes{1, 0}));
 
     // Success: 1, then 0 (retried), and the cache follows the request's data.
-    calls.clear();
     write_results = {0, 2};
-    RORT_node* p2 = queue(rec, 2, {}, op(256));
     testing::internal::CaptureStdout();
-    port_serve_realtime(*t);
+    EXPECT_EQ(serve(*t, queue(rec, 2, {}, op(256))), 1);
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(p2->status, 1);
     ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[0].data, bytes({1, 0}));
-    EXPECT_EQ(calls[2].data, bytes({0, 0}));
-    EXPECT_EQ(cache(cached), bytes({0, 0}));
+    EXPECT_EQ(calls[2].data, (Bytes{0, 0}));
+    EXPECT_EQ(cache(cached), (Bytes{0, 0}));
 }
 
 TEST_F(RealtimeService, ReadModifyWrite)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = reg(rec);
+    ORG_node* cached = insert_ORT_FAT(rec).org;
     plc_mem[8] = 41;
 
     // A failed read: its status, no write, operation block untouched.
     read_results = {2};
     RORT_node* failed = queue(rec, 2, {}, op(5));
-    port_serve_realtime(*t);
-    EXPECT_EQ(failed->status, 2);
-    EXPECT_EQ(calls.size(), 1u);
-    EXPECT_EQ(writes(), 0);
+    EXPECT_EQ(serve(*t, failed), 2);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_FALSE(calls[0].write);
     EXPECT_EQ(failed->rw_oper.direction, 0);
 
     // Increment: PLC, request data, direction and cache all see 42.
-    calls.clear();
     RORT_node* inc = queue(rec, 2, {}, op(5));
-    port_serve_realtime(*t);
-    EXPECT_EQ(inc->status, 1);
+    EXPECT_EQ(serve(*t, inc), 1);
     ASSERT_EQ(calls.size(), 2u);
-    EXPECT_TRUE(calls[1].write);
     EXPECT_EQ(plc_mem[8], 42);
-    EXPECT_EQ(data(inc), bytes({42, 0}));
+    EXPECT_EQ(data(inc), (Bytes{42, 0}));
     EXPECT_EQ(inc->rw_oper.direction, 2);
-    EXPECT_EQ(cache(cached), bytes({42, 0}));
-}
+    EXPECT_EQ(cache(cached), (Bytes{42, 0}));
 
-TEST_F(RealtimeService, ReadModifyWriteOfDoubleWordInsideCell)
-{
     // Byte address 2 of a 32-bit area: the value spans cells 0 and 1, and the
-    // write sends one cell starting at the offset.
-    REG_ADDR rec = make_rec(1, 3, 4, 7, 0, 2);
-    rec.addr_unit = 1;
-    rec.byte_offset = 2;
-    ORG_node* cached = reg(rec);
-    const auto cells = bytes({0xEE, 0xEE, 0x00, 0x00, 0x05, 0x00, 0xEE, 0xEE});
-
-    // Siemens order: the halves are exchanged before the operation (5 + 1).
-    auto siemens = port(450);
-    std::memcpy(plc_mem, cells.data(), cells.size());
-    RORT_node* s1 = queue(rec, 2, {}, op(5, 1, 1000000));
-    port_serve_realtime(*siemens);
-    EXPECT_EQ(s1->status, 1);
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[1].count, 1);
-    EXPECT_EQ(calls[1].data, bytes({6, 0, 0, 0}));
-    EXPECT_EQ(data(s1), bytes({0xEE, 0xEE, 6, 0, 0, 0, 0xEE, 0xEE}));
-    EXPECT_EQ(cache(cached), std::vector<uint8_t>(8, 0));
-
-    // The other family takes the bytes as they are: 0x00050000 + 1.
-    calls.clear();
-    auto s2 = port(38);
-    std::memcpy(plc_mem, cells.data(), cells.size());
-    RORT_node* r2 = queue(rec, 2, {}, op(5, 1, 1000000));
-    port_serve_realtime(*s2);
-    EXPECT_EQ(r2->status, 1);
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[1].data, bytes({1, 0, 5, 0}));
-    EXPECT_EQ(cache(cached), std::vector<uint8_t>(8, 0));
+    // write sends one cell starting at the offset. A Siemens-order driver
+    // exchanges the halves before the operation (5 + 1); the other family
+    // takes the bytes as they are (0x00050000 + 1). That cache is left alone.
+    REG_ADDR split = make_rec(1, 3, 4, 7, 0, 2);
+    split.addr_unit = 1;
+    split.byte_offset = 2;
+    cached = insert_ORT_FAT(split).org;
+    const Bytes cells{0xEE, 0xEE, 0x00, 0x00, 0x05, 0x00, 0xEE, 0xEE};
+    for (const auto& [driver, sent] : {std::pair{450, Bytes{6, 0, 0, 0}}, std::pair{38, Bytes{1, 0, 5, 0}}}) {
+        std::copy(cells.begin(), cells.end(), plc_mem);
+        RORT_node* n = queue(split, 2, {}, op(5, 1000000));
+        EXPECT_EQ(serve(*port(driver), n), 1);
+        ASSERT_EQ(calls.size(), 2u);
+        EXPECT_EQ(calls[1].count, 1);
+        EXPECT_EQ(calls[1].data, sent);
+        Bytes want = cells;
+        std::copy(sent.begin(), sent.end(), want.begin() + 2);
+        EXPECT_EQ(data(n), want);
+        EXPECT_EQ(cache(cached), Bytes(8, 0));
+    }
 }
 
 TEST_F(RealtimeService, ThreeRequestsPerCycle)
@@ -314,14 +243,11 @@ TEST_F(RealtimeService, ThreeRequestsPerCycle)
     for (int i = 0; i < 4; ++i)
         reqs.push_back(queue(make_rec(1, 3, 2, 7, i, 1), 0));
     RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
-
-    port_serve_realtime(*t);
+    EXPECT_EQ(serve(*t, reqs[2]), 1);
     EXPECT_EQ(calls.size(), 3u);
-    EXPECT_EQ(reqs[2]->status, 1);
     EXPECT_EQ(reqs[3]->status, 0);
-    port_serve_realtime(*t);
-    EXPECT_EQ(reqs[3]->status, 1);
-    EXPECT_EQ(calls.size(), 4u);
+    EXPECT_EQ(serve(*t, reqs[3]), 1);
+    EXPECT_EQ(calls.size(), 1u);
     EXPECT_EQ(other->status, 0);
 }
 
