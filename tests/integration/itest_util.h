@@ -109,10 +109,6 @@ public:
     Segment(const Segment&) = delete;
     Segment& operator=(const Segment&) = delete;
 
-    const shm_head& head() const { return *reinterpret_cast<const shm_head*>(base_); }
-    uint8_t* local_bit() const { return base_ + head().local_bit_offset; }
-    uint8_t* local_short() const { return base_ + head().local_short_offset; }
-
     bool bit(uint32_t n) const
     {
         return (__atomic_load_n(local_bit() + n / 8, __ATOMIC_ACQUIRE) >> (n % 8) & 1) != 0;
@@ -139,6 +135,10 @@ public:
     }
 
 private:
+    const shm_head& head() const { return *reinterpret_cast<const shm_head*>(base_); }
+    uint8_t* local_bit() const { return base_ + head().local_bit_offset; }
+    uint8_t* local_short() const { return base_ + head().local_short_offset; }
+
     uint8_t* base_ = nullptr;
 };
 

@@ -18,6 +18,7 @@
 namespace fs = std::filesystem;
 
 namespace rig {
+namespace {
 
 int free_tcp_port()
 {
@@ -32,6 +33,8 @@ int free_tcp_port()
     ::close(fd);
     return ntohs(a.sin_port);
 }
+
+} // namespace
 
 Server::Server(Config cfg) : cfg_(std::move(cfg))
 {
@@ -55,7 +58,6 @@ Server::~Server()
 void Server::write_config() const
 {
     std::ofstream f(dir_ + "/config.toml");
-    f << "mode = " << cfg_.mode << "\n";
     f << "tcp_port = " << cfg_.tcp_port << "\n";
     f << "plugin_dir = \"run\"\n";
     f << "sim_plugin = \"" << SIM_PLUGIN_PATH << "\"\n";
@@ -73,17 +75,8 @@ void Server::write_config() const
         f << "deviceport = " << (p.deviceport < 0 ? static_cast<int>(i) : p.deviceport) << "\n";
         f << "working_mode = " << p.working_mode << "\n";
         f << "plc_driver_no = " << p.plc_driver_no << "\n";
-        f << "line_param_lo = " << p.line_param_lo << "\n";
-        f << "line_param_hi = " << p.line_param_hi << "\n";
-        f << "line_value = " << p.line_value << "\n";
-        f << "line_option = " << p.line_option << "\n";
-        f << "slave_flag = " << p.slave_flag << "\n";
         f << "drv_param1 = " << p.drv_param1 << "\n";
-        f << "drv_param2 = " << p.drv_param2 << "\n";
-        f << "drv_param3 = " << p.drv_param3 << "\n";
-        f << "slave_arg = " << p.slave_arg << "\n";
         f << "max_words = " << p.max_words << "\n";
-        f << "max_bits = " << p.max_bits << "\n";
         f << "word_gap = " << p.word_gap << "\n";
         f << "bit_gap = " << p.bit_gap << "\n";
         f << "plugin = \"" << p.plugin << "\"\n";

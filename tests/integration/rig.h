@@ -16,31 +16,19 @@ struct PortSpec {
     int deviceport = -1;        // -1: the port's index
     int working_mode = 1;
     int plc_driver_no = 5;
-    int line_param_lo = 0;
-    int line_param_hi = 0;
-    uint32_t line_value = 9600;
-    int line_option = 0;
-    int slave_flag = 0;
     uint32_t drv_param1 = 0;
-    uint32_t drv_param2 = 0;
-    uint32_t drv_param3 = 0;
-    int slave_arg = 0;
     int max_words = 64;
-    int max_bits = 256;
     int word_gap = 4;
     int bit_gap = 16;
     std::string plugin = "sim"; // "sim", "none" or a file to copy
 };
 
 struct Config {
-    int mode = 1;
     std::vector<PortSpec> ports;
     std::vector<int> initial_bits;
     std::map<std::string, std::string> env; // extra environment for comhost/comserver
     int tcp_port = 0;                       // 0: pick a free port
 };
-
-int free_tcp_port();
 
 class Server {
 public:

@@ -2,15 +2,11 @@
 // connection whose socket is one end of a socketpair.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
 #include <mutex>
 #include <numeric>
 #include <shared_mutex>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 #include "port/com_state.h"
 #include "server/commands.h"
@@ -36,11 +32,10 @@ Bytes packet(Bytes body)
 
 Bytes status(uint8_t cmd, uint8_t ok, uint8_t err) { return packet({cmd, ok, err}); }
 
-Bytes data_reply(uint8_t cmd, const Bytes& data)
+Bytes data_reply(uint8_t cmd, Bytes data)
 {
-    Bytes body{cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)};
-    body.insert(body.end(), data.begin(), data.end());
-    return packet(body);
+    data.insert(data.begin(), {cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)});
+    return packet(data);
 }
 
 void append_rec(Bytes& b, const REG_ADDR& r)
@@ -57,17 +52,14 @@ Bytes request(uint8_t cmd, const REG_ADDR& r, const Bytes& extra = {})
     return packet(body);
 }
 
-// An operation block (lower limit 0); the short form has no value type.
-Bytes rw_block(int32_t op, int32_t step, int32_t hi, int32_t dir = 0, int32_t type = 0, bool short_form = false)
+// An operation block: code, step, upper and lower limit, direction and,
+// unless it is the short form, value type.
+Bytes rw_block(std::vector<int32_t> f)
 {
-    const int32_t f[6] = {op, step, hi, 0, dir, type};
-    const auto* p = reinterpret_cast<const uint8_t*>(f);
-    return Bytes(p, p + (short_form ? 20 : sizeof f));
+    const auto* p = reinterpret_cast<const uint8_t*>(f.data());
+    return Bytes(p, p + f.size() * sizeof f[0]);
 }
 
-constexpr uint32_t SHORT_OFF = 0x100;
-constexpr uint32_t BIT_OFF = SHORT_OFF + 2048;
-constexpr size_t SEG_SIZE = BIT_OFF + 2048;
 constexpr uint8_t PLAIN_PORT = 0, MODBUS_PORT = 1, S1_PORT = 2; // drivers 5, 50, 450
 
 class Commands : public testing::Test {
@@ -76,18 +68,14 @@ protected:
     {
         reset_area_tables();
         clear_requests();
-        seg_.assign(SEG_SIZE / 2, 0);
-        local_short = reinterpret_cast<uint8_t*>(seg_.data()) + SHORT_OFF;
-        local_bit = reinterpret_cast<uint8_t*>(seg_.data()) + BIT_OFF;
-        local_areas_init(SEG_SIZE, SHORT_OFF, BIT_OFF);
+        local_short = seg_; // a local area of 32 words, no local bits
+        local_areas_init(sizeof seg_, 0, sizeof seg_);
         semid = -1;
         com_info.clear();
         for (uint16_t driver : {5, 50, 450})
             com_info.emplace_back().plc_driver_no = driver;
         port_num = 3;
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv_), 0);
-        c_ = std::make_unique<Connection>();
-        c_->sock = sv_[0];
     }
     void TearDown() override
     {
@@ -95,7 +83,7 @@ protected:
         reset_area_tables();
         com_info.clear();
         port_num = 0;
-        local_short = local_bit = nullptr;
+        local_short = nullptr;
         local_areas_init(0, 0, 0);
         close(sv_[0]);
         close(sv_[1]);
@@ -108,14 +96,15 @@ protected:
             delete_realtime_link(RORT_link_head->next);
     }
 
-    // Runs a handler the way the connection loop does and returns what it
-    // sent (handlers send before they return); its stdout goes to out_.
+    // Runs a handler on a fresh connection the way the connection loop does
+    // and returns what it sent (handlers send before they return); its
+    // stdout goes to out_.
     Bytes run(Handler handler, const Bytes& req)
     {
-        std::memset(c_->reply, 0, sizeof c_->reply);
-        c_->rw_block = ::rw_oper{};
+        c_ = Connection{};
+        c_.sock = sv_[0];
         testing::internal::CaptureStdout();
-        handler(*c_, req.data());
+        handler(c_, req.data());
         out_ = testing::internal::GetCapturedStdout();
         uint8_t buf[4096];
         const ssize_t n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT);
@@ -132,30 +121,15 @@ protected:
         return o;
     }
 
-    static std::vector<RORT_node*> requests()
-    {
-        std::vector<RORT_node*> out;
-        for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next)
-            out.push_back(n);
-        return out;
-    }
+    // The oldest queued request (the tail sentinel when none is queued).
+    static RORT_node* first() { return RORT_link_head->next; }
+    static Bytes data(const RORT_node* n) { return Bytes(n->data, n->data + n->data_len); }
 
-    static void complete(RORT_node* n, int status, const Bytes& data = {})
-    {
-        std::lock_guard lock(mutex);
-        n->status = static_cast<int16_t>(status);
-        std::copy(data.begin(), data.end(), n->data);
-    }
-
-    uint16_t& word(size_t w) { return seg_[SHORT_OFF / 2 + w]; }
-
-    std::unique_ptr<Connection> c_;
-    std::vector<uint16_t> seg_;
+    Connection c_;
+    uint8_t seg_[64] = {};
     std::string out_;
     int sv_[2] = {-1, -1};
 };
-
-const char* const NOT_FOUND = "REAL_WRITE Don't find the realtime_req 0x";
 
 TEST_F(Commands, SubReadOffsetsModbusBitsAndTimedOutStation)
 {
@@ -190,7 +164,7 @@ TEST_F(Commands, RequestsThatCannotBeServedAreRefusedOrIgnored)
 {
     const REG_ADDR empty = make_rec(PLAIN_PORT, 1, 2, 1, 0, 0);
     const REG_ADDR huge = make_rec(PLAIN_PORT, 1, 4, 1, 0, 1100); // 4400 bytes
-    const Bytes op = rw_block(1, 0, 0);
+    const Bytes op = rw_block({1, 0, 0, 0, 0, 0});
     const REG_ADDR none = make_rec(PLAIN_PORT, 1, 2, 243, 0, 1); // kinds 241..248: not answered at all
     auto refused = [&](Handler h, uint8_t cmd, const REG_ADDR& r, const Bytes& extra = {}) {
         EXPECT_EQ(run(h, request(cmd, r, extra)), status(cmd, 0, 3)) << int(cmd);
@@ -200,86 +174,54 @@ TEST_F(Commands, RequestsThatCannotBeServedAreRefusedOrIgnored)
     refused(cmd_com_realtime_read, 8, huge);
     refused(cmd_write, 5, huge, {1, 2});
     refused(cmd_realtime_rw, 9, empty, op);
-    refused(cmd_realtime_rw, 9, make_rec(0, 0, 2, 254, 5000, 1), op); // past the local area
-    EXPECT_TRUE(requests().empty());
+    refused(cmd_realtime_rw, 9, make_rec(0, 0, 2, 254, 32, 1), op); // past the local area
+    EXPECT_EQ(first(), RORT_link_tail);
 }
 
 TEST_F(Commands, WriteAndWritecheck)
 {
-    const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 0, 3);
-    EXPECT_EQ(run(cmd_write, request(5, r, {0xAA, 0xBB})), status(5, 0, 1)); // shorter than the 6-byte range
-    RORT_node* n = requests().at(0);
-    EXPECT_EQ(n->req_type, 1);
-    EXPECT_EQ(Bytes(n->data, n->data + n->data_len), (Bytes{0xAA, 0xBB, 0, 0, 0, 0}));
-    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 0, 1));
-    EXPECT_EQ(out_, " 0x7:status=0\r\n");
-    complete(n, 1);
-    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 1, 0));
-    EXPECT_EQ(out_, " 0x7:status=1\r\n");
-    EXPECT_EQ(run(cmd_writecheck, request(7, r)), status(7, 0, 3));
-    EXPECT_EQ(out_, std::string(NOT_FOUND) + "7\r\n");
+    // Short data are padded with zeros to the 6-byte range.
+    EXPECT_EQ(run(cmd_write, request(5, make_rec(PLAIN_PORT, 1, 2, 1, 0, 3), {0xAA, 0xBB})), status(5, 0, 1));
+    EXPECT_EQ(data(first()), (Bytes{0xAA, 0xBB, 0, 0, 0, 0}));
+    clear_requests();
 
     // Longer data are kept whole; a byte address inside a 32-bit register
     // is found by its check; a write that got no answer reports err 2.
     REG_ADDR bytes_in_dword = make_rec(S1_PORT, 1, 4, 1, 13, 1);
     bytes_in_dword.addr_unit = 1;
     EXPECT_EQ(run(cmd_write, request(5, bytes_in_dword, {1, 2, 3, 4, 5, 6})), status(5, 0, 1));
-    n = requests().at(0);
-    EXPECT_EQ(n->reg_addr.byte_offset, 1);
-    EXPECT_EQ(Bytes(n->data, n->data + n->data_len), (Bytes{1, 2, 3, 4, 5, 6}));
-    complete(n, 2);
+    EXPECT_EQ(first()->reg_addr.byte_offset, 1);
+    EXPECT_EQ(data(first()), (Bytes{1, 2, 3, 4, 5, 6}));
+    first()->status = 2;
     EXPECT_EQ(run(cmd_writecheck, request(7, bytes_in_dword)), status(7, 0, 2));
     EXPECT_EQ(out_, " 0x7:status=2\r\n");
-    EXPECT_TRUE(requests().empty());
-
-    // Local writes and reads are done at once; there is nothing to check afterwards.
-    const REG_ADDR local = make_rec(0, 0, 2, 254, 4, 1);
-    EXPECT_EQ(run(cmd_write, request(5, local, {0x78, 0x56})), status(5, 1, 0));
-    EXPECT_EQ(word(4), 0x5678);
-    EXPECT_EQ(run(cmd_writecheck, request(7, local)), status(7, 0, 3));
-    EXPECT_EQ(run(cmd_realtime_read, request(4, local)), data_reply(4, {0x78, 0x56}));
-    EXPECT_TRUE(requests().empty());
+    EXPECT_EQ(first(), RORT_link_tail);
 }
 
 TEST_F(Commands, ReadModifyWriteLocalAtOnceAndPlcQueued)
 {
-    // Ping-pong up by 2 from 9 passes the upper limit 10: the value stops at
-    // 10 and the direction turns to 0.
-    word(3) = 9;
-    EXPECT_EQ(run(cmd_realtime_rw, request(9, make_rec(0, 0, 2, 254, 3, 1), rw_block(4, 2, 10, 1))),
-              packet({9, 1, 0}));
-    EXPECT_EQ(word(3), 10);
-
     const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 20, 1);
-    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 3))), status(9, 0, 1));
-    RORT_node* n = requests().at(0);
-    EXPECT_EQ(n->req_type, 2);
+    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block({5, 1, 100, 0, 0, 3}))), status(9, 0, 1));
+    RORT_node* n = first();
     EXPECT_EQ(n->rw_oper.value_type, 3);
     EXPECT_EQ(n->data_len, 2);
-    // The step is part of the request's identity; direction and type are not.
-    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 2, 100, 0, 3))), status(10, 0, 3));
-    EXPECT_EQ(out_, std::string(NOT_FOUND) + "a\r\n");
-    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 3))), status(10, 0, 1));
-    {
-        std::lock_guard lock(mutex);
-        n->status = 1;
-        n->rw_oper.direction = 0x101; // the result byte is the low byte
-    }
-    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 7))), packet({10, 1, 1}));
-    EXPECT_TRUE(requests().empty());
+    n->status = 1;
+    n->rw_oper.direction = 0x101; // the result byte is the low byte
+    // Direction and value type are not part of the request's identity.
+    EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block({5, 1, 100, 0, 7, 0}))), packet({10, 1, 1}));
+    EXPECT_EQ(first(), RORT_link_tail);
 
     // Unknown operation codes are queued all the same (the port thread fails them).
-    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block(300, 1, 0))), status(9, 0, 1));
+    EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block({300, 1, 0, 0, 0, 0}))), status(9, 0, 1));
     clear_requests();
 
     // A request of 38 body bytes has value type 0; failures print their line.
     for (const auto& [st, line] : {std::pair<uint8_t, const char*>{2, "Write timeout\r\n"}, {3, "Write Error\r\n"}}) {
-        run(cmd_realtime_rw, request(9, r, rw_block(5, 1, 100, 0, 3, true)));
-        EXPECT_EQ(requests().at(0)->rw_oper.value_type, 0);
-        complete(requests().at(0), st);
-        EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block(5, 1, 100, 0, 0, true))), status(10, 0, st));
+        run(cmd_realtime_rw, request(9, r, rw_block({5, 1, 100, 0, 0})));
+        EXPECT_EQ(first()->rw_oper.value_type, 0);
+        first()->status = st;
+        EXPECT_EQ(run(cmd_realtime_rw_check, request(10, r, rw_block({5, 1, 100, 0, 0}))), status(10, 0, st));
         EXPECT_EQ(out_, line);
-        EXPECT_TRUE(requests().empty());
     }
 }
 
@@ -291,7 +233,7 @@ TEST_F(Commands, ComRealtimeReadWalksAdjacentCachesOrQueues)
     ORG_node* second = cache(make_rec(PLAIN_PORT, 1, 2, 1, 14, 6), 1, {0, 5, 0, 6, 0, 7, 0, 8, 0, 9, 0, 10});
     const REG_ADDR across = make_rec(PLAIN_PORT, 1, 2, 1, 12, 5);
     EXPECT_EQ(run(cmd_com_realtime_read, request(8, across)), data_reply(8, {0, 3, 0, 4, 0, 5, 0, 6, 0, 7}));
-    EXPECT_TRUE(requests().empty());
+    EXPECT_EQ(first(), RORT_link_tail);
 
     // Bits 6..9 from two bit ranges.
     cache(make_rec(PLAIN_PORT, 1, 0, 2, 0, 8), 1, {0x40});
@@ -310,26 +252,17 @@ TEST_F(Commands, ComRealtimeReadWalksAdjacentCachesOrQueues)
     EXPECT_EQ(run(cmd_com_realtime_read, request(8, split)), data_reply(8, {7, 8, 5, 6, 11, 0, 9, 10}));
 
     // One range without valid data, or a start beyond 16-bit register
-    // numbers: queued as a realtime read, collected once with command 6.
+    // numbers: queued as a realtime read.
     second->status = 0;
     EXPECT_EQ(run(cmd_com_realtime_read, request(8, across)), status(8, 0, 1));
     EXPECT_EQ(out_, "insert_realtime\r\n");
     cache(make_rec(PLAIN_PORT, 1, 2, 1, 32700, 200), 1);
     const REG_ADDR far = make_rec(PLAIN_PORT, 1, 2, 1, 32768, 2);
+    EXPECT_EQ(first()->req_type, 0);
+    EXPECT_EQ(first()->data_len, 10);
+    EXPECT_TRUE(reg_addr_equal(first()->reg_addr, across));
     EXPECT_EQ(run(cmd_com_realtime_read, request(8, far)), status(8, 0, 1));
-    ASSERT_EQ(requests().size(), 2u);
-    RORT_node* n = requests()[0];
-    EXPECT_EQ(n->req_type, 0);
-    EXPECT_EQ(n->data_len, 10);
-    EXPECT_TRUE(reg_addr_equal(n->reg_addr, across));
-    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), status(6, 0, 1));
-    complete(n, 1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
-    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), data_reply(6, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
-    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, across)), status(6, 0, 3));
-    EXPECT_EQ(out_, std::string(NOT_FOUND) + "6\r\n");
-    complete(requests().at(0), 3);
-    EXPECT_EQ(run(cmd_realtime_readcheck, request(6, far)), status(6, 0, 3));
-    EXPECT_TRUE(requests().empty());
+    EXPECT_TRUE(reg_addr_equal(first()->next->reg_addr, far));
 }
 
 } // namespace

