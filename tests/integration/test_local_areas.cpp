@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "comclient_c.h"
 #include "itest_util.h"
 
 using namespace std::chrono_literals;
@@ -66,6 +67,32 @@ TEST(LocalAreas, ReadsAndWritesReachTheSegmentAndTheSramFile)
     EXPECT_TRUE(write(rec(0, 0, 2, 251, 2, 1), le16s({0x7777})));
     EXPECT_EQ(sram_io(102, Bytes(2), false), le16s({0x7777}));
     seg.set_word(9000, 0);
+}
+
+// The C interface against the real server: a local word written at once and
+// read back, a buffer too small for the reply, and a refused connection.
+TEST(LocalAreas, CInterfaceWritesAndReadsALocalWord)
+{
+    rig::Server server{rig::Config{}};
+    server.start();
+    ::close(server.connect_client());
+    comclient_conn* c = comclient_connect("127.0.0.1", static_cast<uint16_t>(server.tcp_port()), 2000);
+    ASSERT_NE(c, nullptr);
+    comclient_reg_addr r{};
+    r.type = 2;
+    r.kind = 255;
+    r.start = 40;
+    r.count = 1;
+    const uint8_t value[2] = {0x34, 0x12};
+    EXPECT_EQ(comclient_write(c, &r, value, sizeof value), 0);
+    uint8_t buf[2] = {};
+    size_t len = 0;
+    EXPECT_EQ(comclient_com_read(c, &r, buf, sizeof buf, &len), 0);
+    EXPECT_EQ(Bytes(buf, buf + len), le16s({0x1234}));
+    EXPECT_EQ(comclient_com_read(c, &r, buf, 1, &len), COMCLIENT_E_SPACE);
+    EXPECT_EQ(len, 2u);
+    comclient_close(c);
+    EXPECT_EQ(comclient_connect("127.0.0.1", 1, 500), nullptr);
 }
 
 } // namespace
