@@ -156,6 +156,19 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
     return static_cast<size_t>(size) + 3;
 }
 
+// Local areas and SRAM are read at once, with the reply sent by the area's
+// reader; a record of no area gets no reply. True unless the record names a
+// PLC area.
+bool read_outside_plc(Connection& c, const REG_ADDR& rec, uint8_t command)
+{
+    if (is_local_area(rec.reg_id)) {
+        read_local_mem(rec, c.sock, command);
+    } else if (is_sram_area(rec.reg_id)) {
+        read_sram(rec, c.sock, command);
+    }
+    return !is_plc_area(rec.reg_id);
+}
+
 } // namespace
 
 void cmd_com_read(Connection& c, const uint8_t* packet)
@@ -163,15 +176,7 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    if (is_local_area(rec.reg_id)) {
-        read_local_mem(rec, c.sock, CMD_COM_READ);
-        return;
-    }
-    if (is_sram_area(rec.reg_id)) {
-        read_sram(rec, c.sock, CMD_COM_READ);
-        return;
-    }
-    if (!is_plc_area(rec.reg_id)) {
+    if (read_outside_plc(c, rec, CMD_COM_READ)) {
         return;
     }
     if (!range_pollable(rec)) {
@@ -207,15 +212,7 @@ void cmd_realtime_read(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    if (is_local_area(rec.reg_id)) {
-        read_local_mem(rec, c.sock, CMD_REALTIME_READ);
-        return;
-    }
-    if (is_sram_area(rec.reg_id)) {
-        read_sram(rec, c.sock, CMD_REALTIME_READ);
-        return;
-    }
-    if (!is_plc_area(rec.reg_id)) {
+    if (read_outside_plc(c, rec, CMD_REALTIME_READ)) {
         return;
     }
     if (!range_pollable(rec)) {
@@ -260,15 +257,7 @@ void cmd_com_realtime_read(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    if (is_local_area(rec.reg_id)) {
-        read_local_mem(rec, c.sock, CMD_COM_REALTIME_READ);
-        return;
-    }
-    if (is_sram_area(rec.reg_id)) {
-        read_sram(rec, c.sock, CMD_COM_REALTIME_READ);
-        return;
-    }
-    if (!is_plc_area(rec.reg_id)) {
+    if (read_outside_plc(c, rec, CMD_COM_REALTIME_READ)) {
         return;
     }
     if (!range_pollable(rec)) {

@@ -225,16 +225,23 @@ void sram_pwrite(int fd, const uint8_t* buf, size_t len, off_t offset)
     (void)put;
 }
 
-Access fetch_sram(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
+// Checks that the SRAM file opened and where the range lies in it;
+// Access::done when the transfer may go ahead.
+Access sram_open_span(const SramFile& f, const REG_ADDR& rec, const Span& sp, SramSpan& at)
 {
-    SramFile f;
     if (!f.ok()) {
         std::puts("SRAM open error\r");
         return Access::no_sram;
     }
+    return sram_locate(rec, sp, at) ? Access::done : Access::refused;
+}
+
+Access fetch_sram(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
+{
+    SramFile f;
     SramSpan at;
-    if (!sram_locate(rec, sp, at)) {
-        return Access::refused;
+    if (const Access a = sram_open_span(f, rec, sp, at); a != Access::done) {
+        return a;
     }
     if (sp.words) {
         sram_pread(f.fd(), dst, sp.size, at.offset);
@@ -253,13 +260,9 @@ Access fetch_sram(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
 Access store_sram(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
 {
     SramFile f;
-    if (!f.ok()) {
-        std::puts("SRAM open error\r");
-        return Access::no_sram;
-    }
     SramSpan at;
-    if (!sram_locate(rec, sp, at)) {
-        return Access::refused;
+    if (const Access a = sram_open_span(f, rec, sp, at); a != Access::done) {
+        return a;
     }
     if (sp.words) {
         sram_pwrite(f.fd(), src, sp.size, at.offset);
