@@ -17,8 +17,7 @@ constexpr int CAN_CALL_ENTRIES = 36;
 constexpr int CAN_ENTRY_ROOM = 128;
 // Size of the driver buffer and of the write copy.
 constexpr int CAN_BUF_SIZE = 1024;
-// A bit entry returns its bits in a 4-byte value field.
-constexpr int CAN_ENTRY_BITS = 32;
+constexpr int CAN_ENTRY_BITS = OMRON_ENTRY_BITS;
 // Consecutive failed batch calls tolerated before the bridge is re-initialised.
 constexpr int CAN_MAX_NO_RESPONSE = 8;
 

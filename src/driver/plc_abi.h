@@ -83,6 +83,9 @@ typedef int (*ev_CANOPEN_plc_read_fn)(OmronEntry*, int, PlcParam*, pthread_mutex
 
 } // extern "C"
 
+// A bit entry carries its bits in the 4-byte value field.
+constexpr int OMRON_ENTRY_BITS = 8 * sizeof(OmronEntry::value);
+
 static_assert(sizeof(PlcParam) == 24);
 static_assert(offsetof(PlcParam, working_mode) == 4);
 static_assert(offsetof(PlcParam, plc_driver_no) == 6);

@@ -6,14 +6,23 @@
 #include <cstdio>
 #include <cstring>
 
+#include "port/refresh.h"
 #include "server/globals.h"
 #include "server/shm_sem.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
+#include "store/local_areas.h"
 
 namespace {
 
-time_t system_clock_now() { return time(nullptr); }
+time_t wall_seconds() { return time(nullptr); }
+
+time_t steady_seconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec;
+}
 
 constexpr int WRITE_COPY_BYTES = 4096; // the port thread's data buffers are this size
 
@@ -35,10 +44,11 @@ void write_local_bit(int n, bool on)
     }
 }
 
-// Bit `bit` (0..15) of little-endian word `word` of local_short.
+// Bit `bit` (0..15) of little-endian word `word` of local_short; a word
+// beyond the word area (a small segment) is left alone.
 void write_local_word_bit(int word, int bit, bool on)
 {
-    if (local_short == nullptr) {
+    if (local_short == nullptr || word < 0 || static_cast<size_t>(word) * 2 + 2 > local_short_size()) {
         return;
     }
     ShmSemGuard guard(semid);
@@ -54,7 +64,7 @@ void write_local_word_bit(int word, int bit, bool on)
 void print_station_change(int plc_id, const char* what)
 {
     std::printf("Plc(%d) %s\n", plc_id, what);
-    std::printf("[C%d]\r\n", static_cast<int>(com_state_clock()));
+    std::printf("[C%d]\r\n", static_cast<int>(com_state_wall_clock()));
 }
 
 int must_com(ComStateItem& item, int interval_div, int max_tries)
@@ -67,11 +77,42 @@ int must_com(ComStateItem& item, int interval_div, int max_tries)
         return 1; // the first three time-outs are retried at full speed
     }
     const auto elapsed =
-        static_cast<int32_t>(static_cast<uint32_t>(com_state_clock()) - item.last_time);
+        static_cast<int32_t>(static_cast<uint32_t>(com_state_steady_clock()) - item.last_time);
     if (elapsed < item.interval / interval_div) {
         return 0;
     }
     return (elapsed >= item.interval || item.tries > max_tries) ? 1 : 0;
+}
+
+// Sends a write longer than the driver takes at once as consecutive pieces
+// of at most max elements, each with fresh copies of its address and data
+// reference. A bit piece may start inside a byte of the data, so its bits are
+// first moved to the start of a scratch buffer. The first piece that fails
+// ends the write and gives its result: a write succeeds only when every
+// piece did.
+int write_pieces(ComOper& op, const DrvRegAddr& addr, const DrvDataRef& ref, PlcParam* param, int max)
+{
+    std::array<uint8_t, WRITE_COPY_BYTES> bits{};
+    const bool bit_range = addr.reg_type == 0;
+    const int limit = bit_range ? std::min(max, 8 * WRITE_COPY_BYTES) : max;
+    DrvRegAddr at = addr;
+    for (int done = 0; done < ref.count;) {
+        const int n = std::min(ref.count - done, limit);
+        uint8_t* data = ref.data + RegAddr_Bytes(addr, done);
+        if (bit_range) {
+            bit_cpy(bits.data(), ref.data, n, done);
+            data = bits.data();
+        }
+        DrvRegAddr piece_addr = at;
+        DrvDataRef piece{n, data};
+        const int r = op.write_fn(&piece_addr, &piece, param);
+        if (r != 0) {
+            return r;
+        }
+        RegAddr_Add(at, n);
+        done += n;
+    }
+    return 0;
 }
 
 int find_locked(const VGlobComState& table, uint32_t key)
@@ -122,7 +163,8 @@ int rmv_locked(VGlobComState& table, int index)
 
 } // namespace
 
-com_state_clock_fn com_state_clock = system_clock_now;
+com_state_clock_fn com_state_steady_clock = steady_seconds;
+com_state_clock_fn com_state_wall_clock = wall_seconds;
 
 int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
@@ -188,26 +230,8 @@ int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* para
     }
 
     const int max = RegAddr_MaxWidth(*addr, *param);
-    int r;
-    if (max >= 1 && count > max) {
-        DrvRegAddr piece_addr = *addr;
-        uint8_t* pos = ref->data;
-        int remaining = count;
-        r = 0;
-        while (remaining > 0) {
-            const int n = std::min(remaining, max);
-            DrvDataRef piece{n, pos};
-            r = op.write_fn(&piece_addr, &piece, param);
-            if (r == COM_STATE_TIMEOUT) {
-                break;
-            }
-            pos += RegAddr_Bytes(piece_addr, n);
-            RegAddr_Add(piece_addr, n);
-            remaining -= n;
-        }
-    } else {
-        r = op.write_fn(addr, ref, param);
-    }
+    const int r = (max >= 1 && count > max) ? write_pieces(op, *addr, *ref, param, max)
+                                            : op.write_fn(addr, ref, param);
 
     if (r != COM_STATE_TIMEOUT) {
         ComOper_UpdateOk(op, index);
@@ -311,7 +335,7 @@ void ComStateItem_Create(ComStateItem& item, uint32_t port, const DrvRegAddr& ad
 void ComStateItem_Update(ComStateItem& item, int state)
 {
     ComStateItem_SetState(item, state);
-    item.last_time = static_cast<uint32_t>(com_state_clock());
+    item.last_time = static_cast<uint32_t>(com_state_steady_clock());
     item.tries = 0;
     item.interval = static_cast<uint16_t>(std::min(2 * item.interval, 10));
     if (state == COM_STATE_TIMEOUT) {

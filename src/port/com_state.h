@@ -28,7 +28,7 @@ struct ComStateItem {
     uint32_t port;
     uint16_t plc_id;
     uint16_t interval;  // back-off in seconds: 2, 4, 8, 10, 10, ...
-    uint32_t last_time; // clock seconds of the last update
+    uint32_t last_time; // steady clock seconds of the last update
     uint16_t tries;     // decisions since the last update
     uint16_t timeouts;
 };
@@ -59,10 +59,13 @@ struct VGlobComState {
     std::mutex lock;
 };
 
-// Clock used for the back-off decisions, the items' time stamps and the
-// "[C%d]" lines. It reads time(); tests point it at a controllable clock.
+// Clocks in seconds; tests point them at controllable ones. The back-off
+// decisions and the items' time stamps read the steady clock (monotonic), so
+// a wall clock set back or forward never stops or hurries the retries of a
+// station; the wall clock (time()) only stamps the "[C%d]" lines.
 using com_state_clock_fn = time_t (*)();
-extern com_state_clock_fn com_state_clock;
+extern com_state_clock_fn com_state_steady_clock;
+extern com_state_clock_fn com_state_wall_clock;
 
 // Driver calls wrapped with the time-out bookkeeping. Result: the driver's
 // result code, or 2 when the station was skipped without a driver call.

@@ -111,6 +111,11 @@ void start_port(PortThread& t, const com_port_info& rec)
 
     t.drv = load_driver(rec, t.dev, t.param);
     t.usable = driver_usable(t.drv);
+    if (port_is_batch_class(t) || port_is_bat(t) || port_is_opto(t)) {
+        // A batch returns a bit block through one entry: never ask for more
+        // bits than its value field holds.
+        t.limits.bit_len = std::min(t.limits.bit_len, OMRON_ENTRY_BITS);
+    }
     t.op = ComOper{};
     t.op.port = static_cast<uint32_t>(t.port);
     t.op.read_fn = t.drv.read;

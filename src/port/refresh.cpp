@@ -180,47 +180,28 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
         if (gs >= be) {
             break;
         }
-        if (bs > ge) {
+        if (bs >= ge) {
             continue;
         }
         const int64_t unit = r.reg_type == 0 ? 1 : register_bytes(r.reg_type);
         const int64_t len = (std::min(ge, be) - std::max(bs, gs)) * unit;
         const int64_t group_cap = buffer_bytes(r);
 
-        if (gs > bs) {
-            g->status = st;
-            if (status == 1 && buf != nullptr) {
-                if (r.reg_type == 0) {
-                    const int n = bounded_bits(len, group_cap, 0, block_cap, gs - bs);
-                    bit_cpy(g->data, buf, n, static_cast<int>(gs - bs));
+        // Group and block starts are both register numbers (client addresses
+        // are normalised to registers before they enter the tables), whatever
+        // the address unit: the overlap is placed by register offsets alone.
+        g->status = st;
+        if (status == 1 && buf != nullptr) {
+            const int64_t lo = std::max(bs, gs);
+            if (r.reg_type == 0) {
+                const int n = bounded_bits(len, group_cap, lo - gs, block_cap, lo - bs);
+                if (lo == gs) {
+                    bit_cpy(g->data, buf, n, static_cast<int>(lo - bs));
                 } else {
-                    copy_bytes(g->data, group_cap, 0, buf, block_cap, (gs - bs) * unit, len);
+                    tessel_bit_cpy(g->data, buf, n, static_cast<int>(lo - gs));
                 }
-            }
-        } else if (r.reg_type == 0) {
-            // A bit block inside a bit group: its bits go to their place.
-            g->status = st;
-            if (status == 1 && buf != nullptr) {
-                const int n = bounded_bits(len, group_cap, bs - gs, block_cap, 0);
-                tessel_bit_cpy(g->data, buf, n, static_cast<int>(bs - gs));
-            }
-        } else {
-            // Registers are addressed in units of addr_unit bytes: find the
-            // group's registers that the block's address names. A group whose
-            // addresses count registers (no unit of 1, 2 or 4 bytes) steps by
-            // one register. Register i sits at i times its width in the cache.
-            const int64_t step_unit = (r.addr_unit == 1 || r.addr_unit == 2 || r.addr_unit == 4)
-                                          ? r.addr_unit
-                                          : r.reg_type;
-            const int64_t slot = unit;
-            for (int64_t i = 0; i < r.reg_data_width; ++i) {
-                if (gs + i * r.reg_type / step_unit != bs) {
-                    continue;
-                }
-                g->status = st;
-                if (status == 1 && buf != nullptr) {
-                    copy_bytes(g->data, group_cap, i * slot, buf, block_cap, 0, len);
-                }
+            } else {
+                copy_bytes(g->data, group_cap, (lo - gs) * unit, buf, block_cap, (lo - bs) * unit, len);
             }
         }
 

@@ -9,6 +9,8 @@
 #include "server/protocol.h"
 #include "tables/tables.h"
 
+constexpr int MAX_CLIENTS = 512;
+
 // Argument of a connection thread, as the accept loop fills it.
 struct client_arg {
     int sock;

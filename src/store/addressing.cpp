@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "server/globals.h"
+#include "store/local_areas.h"
 
 namespace {
 
@@ -130,18 +131,11 @@ int RegAddr_Bytes(const DrvRegAddr& addr, int count)
 
 void RegAddr_Add(DrvRegAddr& addr, int count)
 {
-    if (addr.reg_type == 0) {
-        addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
-        return;
-    }
-    if (addr.addr_unit == 0) {
-        // No address unit: the address is counted in register elements
-        // already (as for the client's address), so it moves by count.
-        addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
-        return;
-    }
-    const uint32_t step = static_cast<uint32_t>(count) * addr.reg_type / addr.addr_unit;
-    addr.reg_addr_start = wrap_add(addr.reg_addr_start, static_cast<int32_t>(step));
+    // A driver address counts elements (registers, or bits of a bit range)
+    // whatever its address unit: client addresses are normalised to elements
+    // before any driver sees them, and the unit only travels along to tell
+    // the driver how its PLC counts. So the next piece starts count on.
+    addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
 }
 
 void simens_change(uint8_t* buf, int n)
@@ -210,14 +204,25 @@ void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first)
     }
 }
 
+namespace {
+
+// Bit n lies inside the local bit area the segment really has.
+bool local_bit_exists(int n)
+{
+    return local_bit != nullptr && n >= 0 && static_cast<size_t>(n) / 8 < local_bit_size();
+}
+
+} // namespace
+
 // The bit area lives in the shared segment, which the parent process writes
 // too. On a little-endian word, bit n % 32 of word n / 32 is bit n % 8 of
 // byte n / 8, so each primitive touches exactly one byte; set and clear are
 // atomic on that byte so that concurrent updates of neighbouring bits by
-// threads of this process never undo each other.
+// threads of this process never undo each other. A bit beyond the area
+// (a small segment) reads as 0 and is never written.
 uint32_t get_bit(int n)
 {
-    if (local_bit == nullptr || n < 0) {
+    if (!local_bit_exists(n)) {
         return 0;
     }
     const uint8_t byte = __atomic_load_n(&local_bit[n / 8], __ATOMIC_ACQUIRE);
@@ -229,7 +234,7 @@ uint32_t get_bit(int n)
 
 void set_bit(int n)
 {
-    if (local_bit == nullptr || n < 0) {
+    if (!local_bit_exists(n)) {
         return;
     }
     const auto mask = static_cast<uint8_t>(1u << (n % 8));
@@ -238,7 +243,7 @@ void set_bit(int n)
 
 void clear_bit(int n)
 {
-    if (local_bit == nullptr || n < 0) {
+    if (!local_bit_exists(n)) {
         return;
     }
     const auto mask = static_cast<uint8_t>(~(1u << (n % 8)));

@@ -37,7 +37,8 @@ void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out);
 void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first);
 
 // Local bit n is bit n % 32 of little-endian word n / 32 of local_bit.
-// These do not take the segment semaphore; a null local_bit reads as 0.
+// These do not take the segment semaphore. A bit outside the local bit area
+// (local_areas.h; none before local_areas_init) reads as 0 and is not written.
 uint32_t get_bit(int n);
 void set_bit(int n);
 void clear_bit(int n);

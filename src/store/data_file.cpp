@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdio>
 #include <fcntl.h>
 #include <limits>
@@ -71,6 +72,43 @@ int open_data_file(uint32_t key, int flags)
     return fd;
 }
 
+// ---- descriptor table (caller holds arr.lock) ----
+
+int find_open_locked(const PlcRegDatArr& arr, uint32_t key)
+{
+    for (int i = 0; i < PLC_REG_DAT_ENTRIES; ++i) {
+        if (arr.entries[i].key == key && arr.entries[i].fd > 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+PlcRegDatFd pin_locked(PlcRegDatArr& arr, int slot)
+{
+    PlcRegDatEntry& e = arr.entries[slot];
+    assert(e.fd > 0 && e.users >= 0);
+    ++e.users;
+    return PlcRegDatFd{e.fd, slot};
+}
+
+// Entries fill from the last one down. With every entry open, the first one
+// that no store call is using is recycled; -1 when all are in use.
+int free_or_idle_slot_locked(const PlcRegDatArr& arr)
+{
+    for (int i = PLC_REG_DAT_ENTRIES - 1; i >= 0; --i) {
+        if (arr.entries[i].fd <= 0) {
+            return i;
+        }
+    }
+    for (int i = 0; i < PLC_REG_DAT_ENTRIES; ++i) {
+        if (arr.entries[i].users == 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
 uint32_t file_key(int port, const DrvRegAddr& reg)
 {
     return static_cast<uint32_t>(reg.reg_id) | static_cast<uint32_t>(reg.plc_id) << 8 |
@@ -129,48 +167,63 @@ void PlcRegDatArr_WriteData(PlcRegDatArr& arr, int port, DrvRegAddr& reg, const 
 void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int32_t length,
                               const uint8_t* data, int status)
 {
-    const int fd = PlcRegDatArr_GetFileFd(arr, key, O_RDWR);
-    if (fd <= 0) {
+    const PlcRegDatFd f = PlcRegDatArr_GetFileFd(arr, key, O_RDWR);
+    if (f.fd <= 0) {
         return;
     }
     uint8_t word[4];
     put_le32(word, static_cast<uint32_t>(status));
-    ::lseek(fd, 0, SEEK_SET);
-    (void)!::write(fd, word, sizeof word);
+    ::lseek(f.fd, 0, SEEK_SET);
+    (void)!::write(f.fd, word, sizeof word);
     if (status == 1) {
-        PlcRegDatArr_WriteFile(fd, addr, length, data);
+        PlcRegDatArr_WriteFile(f.fd, addr, length, data);
     }
+    PlcRegDatArr_ReleaseFileFd(arr, f);
 }
 
-int PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags)
+PlcRegDatFd PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags)
 {
     {
         std::lock_guard<std::mutex> guard(arr.lock);
-        for (const PlcRegDatEntry& e : arr.entries) {
-            if (e.key == key && e.fd > 0) {
-                return e.fd;
-            }
+        if (const int slot = find_open_locked(arr, key); slot >= 0) {
+            return pin_locked(arr, slot);
         }
     }
-    // Opening happens outside the lock; only this key's port thread can be
-    // here for this key, so nobody else caches the same file meanwhile.
+    // Opening happens outside the lock.
     const int fd = open_data_file(key, flags);
     if (fd <= 0) {
-        return fd;
+        return PlcRegDatFd{fd, -1};
     }
     std::lock_guard<std::mutex> guard(arr.lock);
-    int slot = -1;
-    for (int i = 0; i < PLC_REG_DAT_ENTRIES; ++i) {
-        if (arr.entries[i].fd <= 0) {
-            slot = i;
-        }
+    if (const int slot = find_open_locked(arr, key); slot >= 0) {
+        // Cached meanwhile by another thread with the same port number.
+        ::close(fd);
+        return pin_locked(arr, slot);
     }
+    const int slot = free_or_idle_slot_locked(arr);
     if (slot < 0) {
-        ::close(arr.entries[0].fd);
-        slot = 0;
+        return PlcRegDatFd{fd, -1};
     }
-    arr.entries[slot] = PlcRegDatEntry{fd, key};
-    return fd;
+    PlcRegDatEntry& e = arr.entries[slot];
+    if (e.fd > 0) {
+        ::close(e.fd); // an idle entry: nobody writes through it
+    }
+    e = PlcRegDatEntry{fd, key, 0};
+    return pin_locked(arr, slot);
+}
+
+void PlcRegDatArr_ReleaseFileFd(PlcRegDatArr& arr, const PlcRegDatFd& f)
+{
+    if (f.slot < 0) {
+        if (f.fd > 0) {
+            ::close(f.fd);
+        }
+        return;
+    }
+    std::lock_guard<std::mutex> guard(arr.lock);
+    PlcRegDatEntry& e = arr.entries[f.slot];
+    assert(e.fd == f.fd && e.users > 0);
+    --e.users;
 }
 
 void PlcRegDatArr_WriteFile(int fd, int32_t addr, int32_t length, const uint8_t* data)

@@ -26,15 +26,27 @@ constexpr int PLC_REG_DAT_ZERO_SIZE = 16384;
 constexpr int PLC_REG_DAT_SWITCH_BIT = 9924;
 
 struct PlcRegDatEntry {
-    int32_t fd;   // 0 or less: free
+    int32_t fd;     // 0 or less: free
     uint32_t key;
+    int32_t users;  // store calls writing through fd right now; never recycled while above 0
 };
 
-// The process-wide descriptor cache. `lock` guards `entries` only; a file
-// itself is written by its own port's thread alone, so file I/O runs unlocked.
+// The process-wide descriptor cache. `lock` guards `entries` and is held
+// only to look up, pin, unpin or replace an entry, never across file I/O: a
+// file is written by its own port's thread alone, through a pinned entry, so
+// no other thread can close its descriptor (and let the number be reused by
+// another open) in the middle of a write.
 struct PlcRegDatArr {
     PlcRegDatEntry entries[PLC_REG_DAT_ENTRIES] = {};
     std::mutex lock;
+};
+
+// A descriptor borrowed for one store call. slot is the pinned entry, or -1
+// for a descriptor that could not be cached because every entry was pinned;
+// releasing unpins the entry, or closes such an uncached descriptor.
+struct PlcRegDatFd {
+    int fd = -1;
+    int slot = -1;
 };
 
 PlcRegDatArr& PlcRegDatArr_Instance();
@@ -44,7 +56,10 @@ const uint8_t* PlcRegDatArr_Zero(); // PLC_REG_DAT_ZERO_SIZE zero bytes
 void PlcRegDatArr_WriteData(PlcRegDatArr& arr, int port, DrvRegAddr& reg, const DrvDataRef& data, int status);
 void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int32_t length,
                               const uint8_t* data, int status);
-int PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags);
+// fd is the failed open's result (0 or less) when the file cannot be opened;
+// then nothing needs releasing.
+PlcRegDatFd PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags);
+void PlcRegDatArr_ReleaseFileFd(PlcRegDatArr& arr, const PlcRegDatFd& f);
 
 void PlcRegDatArr_WriteFile(int fd, int32_t addr, int32_t length, const uint8_t* data);
 // Logical offset of data byte `addr`, allocating directory and data blocks as

@@ -1,5 +1,6 @@
 #include "rig.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <netinet/in.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,6 +34,27 @@ int free_tcp_port()
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
     ::close(fd);
     return ntohs(a.sin_port);
+}
+
+// Runs in the forked child: fills descriptors 3 .. last with /dev/null (kept
+// across exec) and raises the descriptor limit well above them.
+void take_low_fds(int last)
+{
+    rlimit lim{};
+    ::getrlimit(RLIMIT_NOFILE, &lim);
+    const rlimit hard = lim;
+    lim.rlim_cur = std::max(lim.rlim_cur, static_cast<rlim_t>(last) + 4096);
+    lim.rlim_max = std::max(lim.rlim_max, lim.rlim_cur);
+    if (::setrlimit(RLIMIT_NOFILE, &lim) != 0) {
+        lim.rlim_cur = lim.rlim_max = hard.rlim_max; // not allowed to raise the hard limit
+        ::setrlimit(RLIMIT_NOFILE, &lim);
+    }
+    const int null_fd = ::open("/dev/null", O_RDONLY);
+    for (int fd = 3; fd <= last; ++fd) {
+        if (fd != null_fd) {
+            ::dup2(null_fd, fd);
+        }
+    }
 }
 
 } // namespace
@@ -62,6 +85,8 @@ void Server::write_config() const
     f << "plugin_dir = \"run\"\n";
     f << "sim_plugin = \"" << SIM_PLUGIN_PATH << "\"\n";
     f << "server = \"" << COMSERVER_PATH << "\"\n";
+    f << "local_word_count = " << cfg_.local_word_count << "\n";
+    f << "local_bit_count = " << cfg_.local_bit_count << "\n";
     if (!cfg_.initial_bits.empty()) {
         f << "initial_bits = [";
         for (size_t i = 0; i < cfg_.initial_bits.size(); ++i) {
@@ -77,6 +102,7 @@ void Server::write_config() const
         f << "plc_driver_no = " << p.plc_driver_no << "\n";
         f << "drv_param1 = " << p.drv_param1 << "\n";
         f << "max_words = " << p.max_words << "\n";
+        f << "max_bits = " << p.max_bits << "\n";
         f << "word_gap = " << p.word_gap << "\n";
         f << "bit_gap = " << p.bit_gap << "\n";
         f << "plugin = \"" << p.plugin << "\"\n";
@@ -96,6 +122,9 @@ void Server::start()
         ::dup2(fd, 1);
         ::dup2(fd, 2);
         ::close(fd);
+        if (cfg_.low_fds_taken > 0) {
+            take_low_fds(cfg_.low_fds_taken);
+        }
         for (const auto& [k, v] : cfg_.env) {
             ::setenv(k.c_str(), v.c_str(), 1);
         }

@@ -18,6 +18,7 @@ struct PortSpec {
     int plc_driver_no = 5;
     uint32_t drv_param1 = 0;
     int max_words = 64;
+    int max_bits = 256;
     int word_gap = 4;
     int bit_gap = 16;
     std::string plugin = "sim"; // "sim", "none" or a file to copy
@@ -28,6 +29,12 @@ struct Config {
     std::vector<int> initial_bits;
     std::map<std::string, std::string> env; // extra environment for comhost/comserver
     int tcp_port = 0;                       // 0: pick a free port
+    int local_word_count = 16384;
+    int local_bit_count = 16384;
+    // When above 0: comhost and the server inherit descriptors 3 .. low_fds_taken
+    // (and a descriptor limit to match), so every descriptor the server opens
+    // itself is numbered above them.
+    int low_fds_taken = 0;
 };
 
 class Server {

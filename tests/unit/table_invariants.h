@@ -12,6 +12,7 @@
 
 #include "server/globals.h"
 #include "store/addressing.h"
+#include "store/local_areas.h"
 #include "tables/table_ops.h"
 #include "tables/tables.h"
 
@@ -138,8 +139,16 @@ inline void reset_area_tables()
 // Points the global local bit area at a zeroed buffer for the test's life.
 class LocalBits {
 public:
-    LocalBits() : saved_(local_bit) { local_bit = buf_; }
-    ~LocalBits() { local_bit = saved_; }
+    LocalBits() : saved_(local_bit)
+    {
+        local_bit = buf_;
+        local_areas_init(sizeof buf_, 0, 0);
+    }
+    ~LocalBits()
+    {
+        local_bit = saved_;
+        local_areas_init(0, 0, 0);
+    }
     LocalBits(const LocalBits&) = delete;
     LocalBits& operator=(const LocalBits&) = delete;
 

@@ -7,6 +7,7 @@
 
 #include "server/globals.h"
 #include "store/addressing.h"
+#include "store/local_areas.h"
 
 namespace {
 
@@ -92,15 +93,15 @@ TEST(Addressing, WriteSplitting)
     a.reg_type = 0;
     EXPECT_EQ(RegAddr_MaxWidth(a, p), 200);
 
-    struct { uint8_t type; uint16_t unit; int count; int bytes; int advance; } cases[] = {
-        {2, 1, 10, 20, 20}, {2, 2, 10, 20, 10}, {4, 2, 3, 12, 6}, {1, 1, 5, 5, 5},
-        {0, 1, 9, 2, 9},    {0, 0, 16, 2, 16},  {2, 0, 10, 20, 10}, {4, 0, 3, 12, 3},
+    // Driver addresses count elements whatever the address unit.
+    struct { uint8_t type; uint16_t unit; int count; int bytes; } cases[] = {
+        {2, 1, 10, 20}, {4, 2, 3, 12}, {1, 1, 5, 5}, {0, 1, 9, 2}, {4, 0, 3, 12},
     };
     for (const auto& c : cases) {
         DrvRegAddr d{.reg_type = c.type, .reg_addr_start = 100, .addr_unit = c.unit};
         EXPECT_EQ(RegAddr_Bytes(d, c.count), c.bytes);
         RegAddr_Add(d, c.count);
-        EXPECT_EQ(d.reg_addr_start, 100 + c.advance) << int(c.type) << "/" << c.unit;
+        EXPECT_EQ(d.reg_addr_start, 100 + c.count) << int(c.type) << "/" << c.unit;
     }
 }
 
@@ -142,8 +143,11 @@ TEST(Addressing, LocalBitPrimitives)
 
     alignas(4) uint8_t area[16] = {};
     local_bit = area;
+    local_areas_init(12, 0, 0);
     set_bit(63);
     EXPECT_EQ(area[7], 0x80);
+    set_bit(96); // past the area's 12 bytes: never touched
+    EXPECT_EQ(area[12], 0);
     EXPECT_EQ(get_bit(63), 0x80000000u); // the bit within its 32-bit word
     // Threads flipping neighbouring bits of one byte never lose each other's bits.
     std::atomic<int> lost{0};
@@ -162,6 +166,7 @@ TEST(Addressing, LocalBitPrimitives)
     for (auto& th : threads) th.join();
     EXPECT_EQ(lost.load(), 0);
     local_bit = nullptr;
+    local_areas_init(0, 0, 0);
 }
 
 } // namespace

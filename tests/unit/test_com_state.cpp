@@ -12,11 +12,13 @@
 #include "server/globals.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
+#include "store/local_areas.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-time_t fake_now = 1000;
+time_t fake_now = 1000;   // the steady clock
+time_t wall_shift = 0;    // the wall clock reads fake_now + wall_shift
 std::deque<int> results; // scripted driver results; 0 once exhausted
 struct DriverCall { int32_t start, count; Bytes data; };
 std::vector<DriverCall> calls;
@@ -40,8 +42,11 @@ protected:
     {
         local_bit = bits_.data();
         local_short = words_.data();
-        com_state_clock = [] { return fake_now; };
+        local_areas_init(words_.size() + bits_.size(), 0, static_cast<uint32_t>(words_.size()));
+        com_state_steady_clock = [] { return fake_now; };
+        com_state_wall_clock = [] { return fake_now + wall_shift; };
         fake_now = 1000;
+        wall_shift = 0;
         results.clear();
         calls.clear();
         op_.read_fn = op_.write_fn = fake_driver;
@@ -49,7 +54,9 @@ protected:
     void TearDown() override
     {
         local_bit = local_short = nullptr;
-        com_state_clock = saved_clock_;
+        local_areas_init(0, 0, 0);
+        com_state_steady_clock = saved_steady_;
+        com_state_wall_clock = saved_wall_;
         VGlobComState& g = VGlobComState_Instance();
         std::fill(std::begin(g.keys), std::end(g.keys), 0u);
         g.count = g.slots = 0;
@@ -67,7 +74,8 @@ protected:
     uint8_t buf_[4096] = {};
     Bytes bits_ = Bytes(2048, 0);
     Bytes words_ = Bytes(20000, 0);
-    com_state_clock_fn saved_clock_ = com_state_clock;
+    com_state_clock_fn saved_steady_ = com_state_steady_clock;
+    com_state_clock_fn saved_wall_ = com_state_wall_clock;
 };
 
 TEST_F(ComState, BackOffDecisions)
@@ -93,6 +101,13 @@ TEST_F(ComState, BackOffDecisions)
     EXPECT_EQ(skips(ComStateItem_MustRtmCom), 48);
     fake_now = 1018;
     EXPECT_EQ(ComStateItem_MustRtmCom(item), 1);
+
+    // The wall clock set back an hour: the station is retried all the same
+    // once its interval has run out.
+    ComStateItem_Update(item, 2);
+    wall_shift = -3600;
+    fake_now += 10;
+    EXPECT_EQ(ComStateItem_MustNormCom(item), 1);
 }
 
 TEST_F(ComState, NgAndOkArePrintedOnceSkippingNeedsBit9263AndRecoveryKeepsTheOrder)
@@ -160,22 +175,20 @@ TEST_F(ComState, SharedStateBits)
     testing::internal::GetCapturedStdout();
 }
 
-TEST_F(ComState, LongWriteIsSplitAndStopsAtATimeOut)
+TEST_F(ComState, LongWriteIsSplitAndStopsAtTheFirstFailedPiece)
 {
     param_.max_words = 4; // 8 bytes per write
     for (int i = 0; i < 20; ++i) buf_[i] = static_cast<uint8_t>(i);
     DrvRegAddr addr = drv(1, 2, 1, 100);
     DrvDataRef ref{10, buf_};
     EXPECT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 0);
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[1].start, 108);
-    EXPECT_EQ(std::tuple(calls[2].start, calls[2].count, calls[2].data[0]), std::tuple(116, 2, uint8_t{16}));
+    ASSERT_EQ(calls.size(), 3u); // addresses count registers whatever the unit
+    EXPECT_EQ(calls[1].start, 104);
+    EXPECT_EQ(std::tuple(calls[2].start, calls[2].count, calls[2].data[0]), std::tuple(108, 2, uint8_t{16}));
 
     calls.clear();
-    results = {0, 2};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 2);
-    testing::internal::GetCapturedStdout();
+    results = {0, 3}; // an error answer ends the write as a time-out would
+    EXPECT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 3);
     EXPECT_EQ(calls.size(), 2u);
 }
 

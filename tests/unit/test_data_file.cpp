@@ -12,6 +12,7 @@
 #include "server/globals.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
+#include "store/local_areas.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ protected:
         dir_ = tmpl;
         setenv("COMSERVER_DATA_DIR", tmpl, 1);
         local_bit = bits_.data();
+        local_areas_init(bits_.size(), 0, 0);
         set_bit(PLC_REG_DAT_SWITCH_BIT);
     }
     void TearDown() override
@@ -34,6 +36,7 @@ protected:
             if (e.fd > 0) close(e.fd);
         }
         local_bit = nullptr;
+        local_areas_init(0, 0, 0);
         com_info.clear();
         port_num = 0;
         unsetenv("COMSERVER_DATA_DIR");
@@ -104,8 +107,9 @@ TEST_F(DataFile, HighAddressesGoThroughTheBlockMapAndRangesAreSplit)
 TEST_F(DataFile, CorruptMapEntryStopsTheWrite)
 {
     write(0, 0, 4, 1, 3000, 1, {1, 2, 3, 4});
-    const int fd = PlcRegDatArr_GetFileFd(*arr_, 1, O_RDWR);
-    ASSERT_EQ(PlcRegDatArr_SetSubBlock(fd, 2, 0, 1), 1); // top entry now names the direct area
+    const PlcRegDatFd f = PlcRegDatArr_GetFileFd(*arr_, 1, O_RDWR);
+    ASSERT_EQ(PlcRegDatArr_SetSubBlock(f.fd, 2, 0, 1), 1); // top entry now names the direct area
+    PlcRegDatArr_ReleaseFileFd(*arr_, f);
     const Bytes before = file(1);
     write(0, 0, 4, 1, 3100, 1, {7, 7, 7, 7});
     EXPECT_EQ(file(1), before);
@@ -139,21 +143,24 @@ TEST_F(DataFile, NothingIsStoredOutsideTheLimitsOrWhenSwitchedOff)
     EXPECT_TRUE(std::filesystem::is_empty(dir_));
 }
 
-TEST_F(DataFile, DescriptorCacheFillsDownwardsAndRecyclesEntryZero)
+TEST_F(DataFile, DescriptorCacheFillsDownwardsAndRecyclesIdleEntries)
 {
     const uint8_t word[2] = {1, 2};
-    PlcRegDatArr_DoWriteData(*arr_, 0x100, 0, 2, word, 1);
+    for (uint32_t k = 0; k < 256; ++k) PlcRegDatArr_DoWriteData(*arr_, 0x100 + k, 0, 2, word, 1);
     EXPECT_EQ(arr_->entries[255].key, 0x100u);
-    const int first_fd = arr_->entries[255].fd;
-    EXPECT_EQ(PlcRegDatArr_GetFileFd(*arr_, 0x100, O_RDWR), first_fd);
-    for (uint32_t k = 1; k < 256; ++k) PlcRegDatArr_DoWriteData(*arr_, 0x100 + k, 0, 2, word, 1);
     EXPECT_EQ(arr_->entries[0].key, 0x1FFu);
-    const int evicted = arr_->entries[0].fd;
 
+    // An entry in use is never recycled: while entry 0 is held, entry 1 goes.
+    const PlcRegDatFd held = PlcRegDatArr_GetFileFd(*arr_, 0x1FF, O_RDWR);
+    EXPECT_EQ(held.fd, arr_->entries[0].fd);
+    const int evicted = arr_->entries[1].fd;
     PlcRegDatArr_DoWriteData(*arr_, 0x200, 0, 2, word, 1);
-    EXPECT_EQ(arr_->entries[0].key, 0x200u);
+    EXPECT_EQ(arr_->entries[1].key, 0x200u);
     EXPECT_EQ(fcntl(evicted, F_GETFD), -1);
-    EXPECT_EQ(arr_->entries[255].fd, first_fd);
+    EXPECT_NE(fcntl(held.fd, F_GETFD), -1);
+    PlcRegDatArr_ReleaseFileFd(*arr_, held);
+    PlcRegDatArr_DoWriteData(*arr_, 0x201, 0, 2, word, 1);
+    EXPECT_EQ(arr_->entries[0].key, 0x201u);
     EXPECT_EQ(file(0x200).size(), 6u);
 }
 
