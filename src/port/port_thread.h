@@ -60,6 +60,11 @@ void port_read_block(PortThread& t, OPT_node* block);
 // Serves up to three queued realtime requests of the port.
 void port_serve_realtime(PortThread& t);
 
+// One turn of a port whose driver cannot be used: its requests are failed
+// and the rebuild pass runs as on every other port, so that areas emptied
+// by unregistration or the sweeper are freed. Nothing is polled.
+void port_idle_cycle(PortThread& t);
+
 // Bat/opto step; returns true when it ended the cycle.
 bool port_bat_opto_step(PortThread& t);
 // Batch-class path; always ends the cycle.

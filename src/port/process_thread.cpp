@@ -91,6 +91,12 @@ void port_read_block(PortThread& t, OPT_node* block)
     }
 }
 
+void port_idle_cycle(PortThread& t)
+{
+    port_serve_realtime(t);
+    rebuild_OPT_links(t.port, t.list_head, t.list_tail, t.cursor, t.limits);
+}
+
 namespace {
 
 void start_port(PortThread& t, const com_port_info& rec)
@@ -178,9 +184,8 @@ void process_thread(com_port_info rec)
     start_port(*t, rec);
     for (;;) {
         if (!t->usable) {
-            // A port without its entry points never calls its driver; it only
-            // answers the realtime requests queued for it.
-            port_serve_realtime(*t);
+            // A port without its entry points never calls its driver.
+            port_idle_cycle(*t);
             ::usleep(10000);
             continue;
         }

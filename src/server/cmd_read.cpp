@@ -16,11 +16,11 @@
 
 namespace {
 
-// Queues a realtime read of rec for its port thread. The caller holds mutex.
-// The client's answer does not depend on whether the list kept the request.
-void queue_realtime_read(const REG_ADDR& rec)
+// Queues a realtime read of c.REG_ADDR_temp for its port thread and answers.
+void queue_realtime_read(Connection& c, uint8_t command, const uint8_t* queued)
 {
-    insert_realtime_link(new_realtime_node(cal_commbuf_size(rec)), rec, 0);
+    std::lock_guard lock(mutex);
+    queue_request(c, new_realtime_node(cal_commbuf_size(c.REG_ADDR_temp)), 0, command, queued);
 }
 
 // True when a port thread has the record's PLC station in time-out.
@@ -99,8 +99,7 @@ CacheAnswer serve_from_caches(Connection& c, const REG_ADDR& rec)
     // byte offset is the request's own.
     REG_ADDR form = rec;
     form.addr_unit = node->reg_addr.addr_unit;
-    const size_t len = produce_node_reply(c.reply, CMD_COM_REALTIME_READ, form, scratch, size);
-    send_reply(c, c.reply, len);
+    answer(c, produce_node_reply(c.reply, CMD_COM_REALTIME_READ, form, scratch, size));
     return CacheAnswer::Sent;
 }
 
@@ -156,15 +155,15 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
     return static_cast<size_t>(size) + 3;
 }
 
-// Local areas and SRAM are read at once, with the reply sent by the area's
+// Local areas and SRAM are read at once, with the reply built by the area's
 // reader; a record of no area gets no reply. True unless the record names a
 // PLC area.
 bool read_outside_plc(Connection& c, const REG_ADDR& rec, uint8_t command)
 {
     if (is_local_area(rec.reg_id)) {
-        read_local_mem(rec, c.sock, command);
+        answer(c, read_local_mem(rec, command, c.reply));
     } else if (is_sram_area(rec.reg_id)) {
-        read_sram(rec, c.sock, command);
+        answer(c, read_sram(rec, command, c.reply));
     }
     return !is_plc_area(rec.reg_id);
 }
@@ -180,7 +179,7 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
         return;
     }
     if (!range_pollable(rec)) {
-        send_status(c, com_read_err_03);
+        answer_status(c, com_read_err_03);
         return;
     }
 
@@ -188,27 +187,21 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
     const OrtFatResult r = insert_ORT_FAT(rec);
     if (r.created || r.org == nullptr) {
         // A range that could not be registered (no memory) has no data yet either.
-        send_status(c, com_read_err_01);
+        answer_status(c, com_read_err_01);
         return;
     }
     ORG_node* o = r.org;
     o->age = 0;
     switch (o->status) {
-    case 1: {
-        const size_t len = produce_node_reply(c.reply, CMD_COM_READ, o->reg_addr, o->data, cal_commbuf_size(rec));
-        send_reply(c, c.reply, len);
-        break;
-    }
-    case 0: send_status(c, com_read_err_01); break;
-    case 2: send_status(c, com_read_err_02); break;
-    default: send_status(c, com_read_err_03); break;
+    case 1: answer(c, produce_node_reply(c.reply, CMD_COM_READ, o->reg_addr, o->data, cal_commbuf_size(rec))); break;
+    case 0: answer_status(c, com_read_err_01); break;
+    case 2: answer_status(c, com_read_err_02); break;
+    default: answer_status(c, com_read_err_03); break;
     }
 }
 
-
 void cmd_realtime_read(Connection& c, const uint8_t* packet)
 {
-    std::lock_guard lock(mutex);
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
@@ -216,11 +209,12 @@ void cmd_realtime_read(Connection& c, const uint8_t* packet)
         return;
     }
     if (!range_pollable(rec)) {
-        send_refusal(c, CMD_REALTIME_READ);
+        answer_refusal(c, CMD_REALTIME_READ);
         return;
     }
-    queue_realtime_read(rec);
-    send_status(c, realtime_read_err_01);
+    if (!refuse_unserved_port(c, rec, CMD_REALTIME_READ)) {
+        queue_realtime_read(c, CMD_REALTIME_READ, realtime_read_err_01);
+    }
 }
 
 void cmd_realtime_readcheck(Connection& c, const uint8_t* packet)
@@ -230,24 +224,21 @@ void cmd_realtime_readcheck(Connection& c, const uint8_t* packet)
     const REG_ADDR& rec = c.REG_ADDR_temp;
 
     std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(rec, ::rw_oper{}, 0);
+    RORT_node* r = find_realtime_link(rec, ::rw_oper{}, 0, c.id);
     if (r == nullptr) {
         std::puts("REAL_WRITE Don't find the realtime_req 0x6\r");
-        send_status(c, realtime_readcheck_err_03);
+        answer_status(c, realtime_readcheck_err_03);
         return;
     }
     switch (r->status) {
     case 0:
-        send_status(c, realtime_readcheck_err_01);
+        answer_status(c, realtime_readcheck_err_01);
         return;
-    case 1: {
-        const size_t len = produce_node_reply(c.reply, CMD_REALTIME_READCHECK, r->reg_addr, r->data,
-                                              cal_commbuf_size(rec));
-        send_reply(c, c.reply, len);
+    case 1:
+        answer(c, produce_node_reply(c.reply, CMD_REALTIME_READCHECK, r->reg_addr, r->data, cal_commbuf_size(rec)));
         break;
-    }
-    case 2: send_status(c, realtime_readcheck_err_02); break;
-    default: send_status(c, realtime_readcheck_err_03); break;
+    case 2: answer_status(c, realtime_readcheck_err_02); break;
+    default: answer_status(c, realtime_readcheck_err_03); break;
     }
     delete_realtime_link(r);
 }
@@ -261,7 +252,7 @@ void cmd_com_realtime_read(Connection& c, const uint8_t* packet)
         return;
     }
     if (!range_pollable(rec)) {
-        send_refusal(c, CMD_COM_REALTIME_READ);
+        answer_refusal(c, CMD_COM_REALTIME_READ);
         return;
     }
     {
@@ -271,10 +262,10 @@ void cmd_com_realtime_read(Connection& c, const uint8_t* packet)
         }
     }
     // rwlock is released before mutex is taken: never both at once.
-    std::puts("insert_realtime\r");
-    std::lock_guard lock(mutex);
-    queue_realtime_read(rec);
-    send_status(c, com_realtime_read_err_01);
+    if (!refuse_unserved_port(c, rec, CMD_COM_REALTIME_READ)) {
+        std::puts("insert_realtime\r");
+        queue_realtime_read(c, CMD_COM_REALTIME_READ, com_realtime_read_err_01);
+    }
 }
 
 void cmd_sub_read(Connection& c, const uint8_t* packet)
@@ -315,5 +306,5 @@ void cmd_sub_read(Connection& c, const uint8_t* packet)
     const uint16_t package_len = static_cast<uint16_t>(L + 1);
     reply[8] = static_cast<uint8_t>(package_len & 0xff);
     reply[9] = static_cast<uint8_t>(package_len >> 8);
-    send_reply(c, reply, PACKET_HEADER_SIZE + 1 + L);
+    answer(c, PACKET_HEADER_SIZE + 1 + L);
 }

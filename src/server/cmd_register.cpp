@@ -55,8 +55,7 @@ void cmd_register(Connection& c, const uint8_t* packet)
             }
         }
     }
-    const size_t len = produce_ack_pack(c.reply, head, register_ok, sizeof register_ok);
-    send_reply(c, c.reply, len);
+    answer(c, produce_ack_pack(c.reply, head, register_ok, sizeof register_ok));
 }
 
 void cmd_unregister(Connection& c, const uint8_t* packet)
@@ -69,6 +68,5 @@ void cmd_unregister(Connection& c, const uint8_t* packet)
             unregister_ORT_FAT(c.REG_ADDR_temp);
         }
     }
-    const size_t len = produce_ack_pack(c.reply, head, unregister_ok, sizeof unregister_ok);
-    send_reply(c, c.reply, len);
+    answer(c, produce_ack_pack(c.reply, head, unregister_ok, sizeof unregister_ok));
 }

@@ -43,30 +43,32 @@ void cmd_write(Connection& c, const uint8_t* packet)
     const uint8_t* data = packet + 27;
     const int data_len = std::max(cal_write_data_length(packet), 0);
     if (is_local_area(rec.reg_id)) {
-        write_local_mem(rec, c.sock, data, data_len);
+        answer(c, write_local_mem(rec, data, data_len, c.reply));
         return;
     }
     if (is_sram_area(rec.reg_id)) {
-        write_sram(rec, c.sock, data, data_len);
+        answer(c, write_sram(rec, data, data_len, c.reply));
         return;
     }
     if (!is_plc_area(rec.reg_id)) {
         return;
     }
     if (!request_size_ok(rec)) {
-        send_refusal(c, CMD_WRITE);
+        answer_refusal(c, CMD_WRITE);
+        return;
+    }
+    if (refuse_unserved_port(c, rec, CMD_WRITE)) {
         return;
     }
 
-    std::lock_guard lock(mutex);
     // The port thread copies the range's size from the request's data, so the
     // buffer holds at least that much; what the client did not send is 0.
     RORT_node* node = new_realtime_node(std::max<int>(cal_commbuf_size(rec), data_len));
     if (node != nullptr) {
         std::memcpy(node->data, data, static_cast<size_t>(data_len));
     }
-    insert_realtime_link(node, rec, 1);
-    send_status(c, write_err_01);
+    std::lock_guard lock(mutex);
+    queue_request(c, node, 1, CMD_WRITE, write_err_01);
 }
 
 void cmd_writecheck(Connection& c, const uint8_t* packet)
@@ -77,23 +79,46 @@ void cmd_writecheck(Connection& c, const uint8_t* packet)
     write_reg_addr_change(c.REG_ADDR_temp);
 
     std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, ::rw_oper{}, 1);
+    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, ::rw_oper{}, 1, c.id);
     if (r == nullptr) {
         std::puts("REAL_WRITE Don't find the realtime_req 0x7\r");
-        send_status(c, writecheck_err_03);
+        answer_status(c, writecheck_err_03);
         return;
     }
     std::printf(" 0x7:status=%d\r\n", r->status);
     switch (r->status) {
     case 0:
-        send_status(c, writecheck_err_01);
+        answer_status(c, writecheck_err_01);
         return;
-    case 1: send_status(c, writecheck_success); break;
-    case 2: send_status(c, writecheck_err_02); break;
-    default: send_status(c, writecheck_err_03); break;
+    case 1: answer_status(c, writecheck_success); break;
+    case 2: answer_status(c, writecheck_err_02); break;
+    default: answer_status(c, writecheck_err_03); break;
     }
     delete_realtime_link(r);
 }
+
+namespace {
+
+// Commands 9 on a local area or the SRAM: read, operate and write at once;
+// the read and the write each take the segment semaphore.
+void local_realtime_rw(Connection& c, bool local)
+{
+    const REG_ADDR& rec = c.REG_ADDR_temp;
+    bool ok = local ? read_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
+                    : read_sram_rw(rec, c.value_buf, sizeof c.value_buf);
+    if (ok) {
+        process_rw_operation(rec, c.value_buf, c.rw_block, 0);
+        ok = local ? write_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
+                   : write_sram_rw(rec, c.value_buf, sizeof c.value_buf);
+    }
+    if (!ok) {
+        answer_refusal(c, CMD_REALTIME_RW);
+        return;
+    }
+    answer(c, produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(c.rw_block.direction), CMD_REALTIME_RW));
+}
+
+} // namespace
 
 void cmd_realtime_rw(Connection& c, const uint8_t* packet)
 {
@@ -105,40 +130,26 @@ void cmd_realtime_rw(Connection& c, const uint8_t* packet)
 
     const bool local = is_local_area(rec.reg_id);
     if (local || is_sram_area(rec.reg_id)) {
-        // Read and write each take the segment semaphore on their own; mutex
-        // only orders the reply with the other commands' replies.
-        bool ok = local ? read_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
-                        : read_sram_rw(rec, c.value_buf, sizeof c.value_buf);
-        if (ok) {
-            process_rw_operation(rec, c.value_buf, c.rw_block, 0);
-            ok = local ? write_local_mem_rw(rec, c.value_buf, sizeof c.value_buf)
-                       : write_sram_rw(rec, c.value_buf, sizeof c.value_buf);
-        }
-        std::lock_guard lock(mutex);
-        if (!ok) {
-            send_refusal(c, CMD_REALTIME_RW);
-            return;
-        }
-        const size_t len =
-            produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(c.rw_block.direction), CMD_REALTIME_RW);
-        send_reply(c, c.reply, len);
+        local_realtime_rw(c, local);
         return;
     }
     if (!is_plc_area(rec.reg_id)) {
         return;
     }
     if (!request_size_ok(rec)) {
-        send_refusal(c, CMD_REALTIME_RW);
+        answer_refusal(c, CMD_REALTIME_RW);
+        return;
+    }
+    if (refuse_unserved_port(c, rec, CMD_REALTIME_RW)) {
         return;
     }
 
-    std::lock_guard lock(mutex);
     RORT_node* node = new_realtime_node(cal_commbuf_size(rec));
     if (node != nullptr) {
         node->rw_oper = c.rw_block;
     }
-    insert_realtime_link(node, rec, 2);
-    send_status(c, realtime_rw_err_01);
+    std::lock_guard lock(mutex);
+    queue_request(c, node, 2, CMD_REALTIME_RW, realtime_rw_err_01);
 }
 
 void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
@@ -148,29 +159,27 @@ void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
     c.rw_block = packet_rw_block(packet);
 
     std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, c.rw_block, 2);
+    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, c.rw_block, 2, c.id);
     if (r == nullptr) {
         std::puts("REAL_WRITE Don't find the realtime_req 0xa\r");
-        send_status(c, realtime_rw_check_err_03);
+        answer_status(c, realtime_rw_check_err_03);
         return;
     }
     switch (r->status) {
     case 0:
-        send_status(c, realtime_rw_check_err_01);
+        answer_status(c, realtime_rw_check_err_01);
         return;
-    case 1: {
-        const size_t len = produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(r->rw_oper.direction),
-                                               CMD_REALTIME_RW_CHECK);
-        send_reply(c, c.reply, len);
+    case 1:
+        answer(c, produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(r->rw_oper.direction),
+                                      CMD_REALTIME_RW_CHECK));
         break;
-    }
     case 2:
         std::puts("Write timeout\r");
-        send_status(c, realtime_rw_check_err_02);
+        answer_status(c, realtime_rw_check_err_02);
         break;
     default:
         std::puts("Write Error\r");
-        send_status(c, realtime_rw_check_err_03);
+        answer_status(c, realtime_rw_check_err_03);
         break;
     }
     delete_realtime_link(r);

@@ -1,5 +1,6 @@
 // Client command handlers. Each gets the checked packet (header included)
-// and sends at most one reply on the connection.
+// and leaves at most one reply in the connection's reply buffer, which is
+// sent after the handler has released its locks.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +19,22 @@ void cmd_realtime_rw(Connection& c, const uint8_t* packet);
 void cmd_realtime_rw_check(Connection& c, const uint8_t* packet);
 void cmd_sub_read(Connection& c, const uint8_t* packet);
 
-// Sends a 4-byte status packet, or the refusal [command][0][3][sum].
-void send_status(Connection& c, const uint8_t* packet4);
-void send_refusal(Connection& c, uint8_t command);
+// The reply of a command: the first len bytes of c.reply (dispatch_packet
+// sends it once the command has returned), a 4-byte status packet, or the
+// refusal [command][0][3][sum].
+void answer(Connection& c, size_t len);
+void answer_status(Connection& c, const uint8_t* packet4);
+void answer_refusal(Connection& c, uint8_t command);
+
+// Realtime requests (commands 4, 5, 8, 9) of a port that no polling thread
+// serves would never be served: answers the refusal and returns true.
+bool refuse_unserved_port(Connection& c, const REG_ADDR& rec, uint8_t command);
+
+// Queues a realtime request for c.REG_ADDR_temp, owned by the connection, and
+// answers `queued` (its command's err 1 status) when the list took it or an
+// equal pending read serves it, or the refusal when the list is full. The
+// caller holds mutex.
+void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command, const uint8_t* queued);
 
 // Number of whole records a count-prefixed request (commands 1, 2, 19)
 // really carries: the count byte, cut to the records inside package_len.

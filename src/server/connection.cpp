@@ -1,14 +1,20 @@
 #include "server/connection.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <sys/select.h>
+#include <new>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "server/commands.h"
+#include "server/globals.h"
 #include "server/reply_data.h"
+#include "tables/realtime_list.h"
 
 namespace {
 
@@ -79,21 +85,53 @@ int minimum_package_len(uint8_t command)
 
 } // namespace
 
-void send_reply(const Connection& c, const uint8_t* buf, size_t len)
+void send_reply(Connection& c)
 {
-    (void)::send(c.sock, buf, len, MSG_NOSIGNAL);
+    for (size_t done = 0; done < c.reply_len;) {
+        const ssize_t n = ::send(c.sock, c.reply + done, c.reply_len - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            std::puts("Send error\r"); // peer gone, or it took nothing for SEND_TIMEOUT_SECONDS
+            c.broken = true;
+            return;
+        }
+        done += static_cast<size_t>(n);
+    }
 }
 
-void send_status(Connection& c, const uint8_t* packet4)
+void answer(Connection& c, size_t len)
 {
-    const size_t len = produce_ack_pack(c.reply, head, packet4, 4);
-    send_reply(c, c.reply, len);
+    c.reply_len = len;
 }
 
-void send_refusal(Connection& c, uint8_t command)
+void answer_status(Connection& c, const uint8_t* packet4)
 {
-    const size_t len = produce_refusal_pack(c.reply, command);
-    send_reply(c, c.reply, len);
+    answer(c, produce_ack_pack(c.reply, head, packet4, 4));
+}
+
+void answer_refusal(Connection& c, uint8_t command)
+{
+    answer(c, produce_refusal_pack(c.reply, command));
+}
+
+bool refuse_unserved_port(Connection& c, const REG_ADDR& rec, uint8_t command)
+{
+    if (port_has_thread(rec.deviceport_id)) {
+        return false;
+    }
+    answer_refusal(c, command);
+    return true;
+}
+
+void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command, const uint8_t* queued)
+{
+    if (insert_realtime_link(node, c.REG_ADDR_temp, req_type, c.id) == RealtimeInsert::refused) {
+        answer_refusal(c, command);
+    } else {
+        answer_status(c, queued);
+    }
 }
 
 void dispatch_packet(Connection& c, const uint8_t* packet)
@@ -103,6 +141,7 @@ void dispatch_packet(Connection& c, const uint8_t* packet)
         return;
     }
     std::memset(c.reply, 0, sizeof c.reply);
+    c.reply_len = 0;
     c.rw_block = ::rw_oper{};
     switch (parse_command(packet)) {
     case CMD_REGISTER: cmd_register(c, packet); break;
@@ -118,14 +157,29 @@ void dispatch_packet(Connection& c, const uint8_t* packet)
     case CMD_SUB_READ: cmd_sub_read(c, packet); break;
     default: break; // not a command: no reply, wait for the next packet
     }
+    // Every lock the command took is released by now.
+    if (c.reply_len > 0) {
+        send_reply(c);
+    }
 }
 
-void request_thread(client_arg arg)
-{
-    auto c = std::make_unique<Connection>();
-    c->sock = arg.sock;
-    SocketGuard guard(arg.sock);
+namespace {
 
+// Waits up to IDLE_SECONDS for the socket to become readable: 1 readable,
+// 0 silent, -1 failed. poll has no limit on descriptor numbers.
+int wait_readable(int sock)
+{
+    for (;;) {
+        pollfd p{sock, POLLIN, 0};
+        const int ready = ::poll(&p, 1, IDLE_SECONDS * 1000);
+        if (ready >= 0 || errno != EINTR) {
+            return ready < 0 ? -1 : (ready > 0 ? 1 : 0);
+        }
+    }
+}
+
+void serve(Connection& c)
+{
     // Requests are framed by package_len: a packet split over several
     // receives is reassembled, several packets in one receive are each run.
     uint8_t buf[PACKET_BUF_SIZE];
@@ -137,17 +191,16 @@ void request_thread(client_arg arg)
             return;
         }
         if (f == Frame::Complete) {
-            dispatch_packet(*c, buf);
+            dispatch_packet(c, buf);
+            if (c.broken) {
+                return;
+            }
             std::memmove(buf, buf + packet_len, have - packet_len);
             have -= packet_len;
             continue;
         }
 
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(c->sock, &rd);
-        timeval tv{IDLE_SECONDS, 0};
-        const int ready = ::select(c->sock + 1, &rd, nullptr, nullptr, &tv);
+        const int ready = wait_readable(c.sock);
         if (ready < 0) {
             std::puts("Select error\r");
             return;
@@ -155,18 +208,67 @@ void request_thread(client_arg arg)
         if (ready == 0) {
             return; // silent for 600 seconds
         }
-        const ssize_t n = ::recv(c->sock, buf + have, sizeof buf - have, 0);
+        const ssize_t n = ::recv(c.sock, buf + have, sizeof buf - have, 0);
         if (n < 0) {
             std::puts("Recv error\r");
             return;
         }
         if (n == 0) {
-            std::printf("socket num = %d\r\n", c->sock);
+            std::printf("socket num = %d\r\n", c.sock);
             std::puts("Client close socket\r\n\r");
             return;
         }
         have += static_cast<size_t>(n);
     }
+}
+
+std::atomic<int> active_connections{0};
+std::atomic<uint32_t> last_connection_id{0};
+
+// Thread of a connection started by start_connection; ends its count.
+void* connection_main(void* arg)
+{
+    const std::unique_ptr<client_arg> owned(static_cast<client_arg*>(arg));
+    request_thread(*owned);
+    --active_connections;
+    return nullptr;
+}
+
+} // namespace
+
+void request_thread(client_arg arg)
+{
+    auto c = std::make_unique<Connection>();
+    c->sock = arg.sock;
+    c->id = ++last_connection_id;
+    SocketGuard guard(arg.sock);
+    const timeval send_limit{SEND_TIMEOUT_SECONDS, 0};
+    ::setsockopt(c->sock, SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
+    serve(*c);
+}
+
+void start_connection(const client_arg& arg)
+{
+    if (active_connections.fetch_add(1) >= MAX_CLIENTS) {
+        --active_connections;
+        std::puts("Too many clients\r");
+        ::close(arg.sock);
+        return;
+    }
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, CONNECTION_STACK_BYTES);
+    auto* owned = new (std::nothrow) client_arg(arg);
+    pthread_t thread;
+    if (owned == nullptr || pthread_create(&thread, &attr, connection_main, owned) != 0) {
+        // This one connection is refused; the server goes on serving the others.
+        delete owned;
+        --active_connections;
+        std::puts("Create thread error\r");
+        ::close(arg.sock);
+    }
+    pthread_attr_destroy(&attr);
 }
 
 int records_in_packet(const uint8_t* packet)

@@ -6,6 +6,7 @@ uint8_t* local_bit = nullptr;
 uint8_t* local_short = nullptr;
 std::vector<com_port_info> com_info;
 int port_num = 0;
+std::array<bool, 256> port_threads{};
 
 const com_port_info* com_port(int port)
 {
@@ -13,4 +14,9 @@ const com_port_info* com_port(int port)
         return nullptr;
     }
     return &com_info[static_cast<size_t>(port)];
+}
+
+bool port_has_thread(int port)
+{
+    return port >= 0 && static_cast<size_t>(port) < port_threads.size() && port_threads[static_cast<size_t>(port)];
 }

@@ -66,7 +66,9 @@ int open_listener(uint16_t port)
         std::puts(" Bind socket error\r");
         ::sleep(1);
     }
-    if (::listen(fd, 5) != 0) {
+    // The system's maximum backlog: a burst of clients waits in the queue
+    // instead of having its connects dropped and retried seconds later.
+    if (::listen(fd, SOMAXCONN) != 0) {
         std::printf("Listening socket error");
         std::exit(0);
     }
@@ -149,11 +151,13 @@ int main(int argc, char** argv)
             }
             can_args[can_count] = can_port_arg{rec, spi_fd};
             start_detached(can_process_thread, static_cast<const can_port_arg*>(&can_args[can_count]));
+            port_threads[rec.deviceport] = true;
             ++can_count;
             continue;
         }
         ::usleep(1000000);
         start_detached(process_thread, rec);
+        port_threads[rec.deviceport] = true;
     }
 
     const int listener = open_listener(tcp_port);
@@ -169,6 +173,6 @@ int main(int argc, char** argv)
             ::sleep(1);
             continue;
         }
-        start_detached(request_thread, client_arg{sock, semid, peer});
+        start_connection(client_arg{sock, semid, peer});
     }
 }

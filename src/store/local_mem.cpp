@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <sys/socket.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -18,7 +17,6 @@
 
 namespace {
 
-constexpr size_t REPLY_BUF_SIZE = 1500;
 constexpr int64_t SRAM_BIT_BUF_BITS = 2048;     // 128 words of bit staging
 constexpr int64_t SRAM_HEADER_WORDS = 512;      // header region before word 0
 constexpr int64_t SRAM_WORD_SPACE = int64_t{1} << 32;
@@ -279,32 +277,24 @@ Access store_sram(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
     return Access::done;
 }
 
-// ---- replies ----
+// ---- replies (built into the caller's PACKET_BUF_SIZE buffer, sent by the caller) ----
 
-void send_packet(int fd, const uint8_t* p, size_t len)
+size_t status_reply(uint8_t* reply, const uint8_t* status)
 {
-    const ssize_t sent = ::send(fd, p, len, MSG_NOSIGNAL);
-    (void)sent;
-}
-
-void send_status(int fd, const uint8_t* status)
-{
-    uint8_t reply[PACKET_HEADER_SIZE + 4] = {};
-    send_packet(fd, reply, produce_ack_pack(reply, head, status, 4));
+    return produce_ack_pack(reply, head, status, 4);
 }
 
 // [command][0][3][sum]: the refusal of a range outside the areas.
-void send_refusal(int fd, uint8_t command)
+size_t refusal_reply(uint8_t* reply, uint8_t command)
 {
     uint8_t status[4] = {command, 0, 3, 0};
     status[3] = check_sum(status, 3);
-    send_status(fd, status);
+    return status_reply(reply, status);
 }
 
-void send_data(int fd, uint8_t command, const uint8_t* data, size_t size)
+size_t data_reply(uint8_t* reply, uint8_t command, const uint8_t* data, size_t size)
 {
-    uint8_t reply[REPLY_BUF_SIZE] = {};
-    send_packet(fd, reply, produce_read_ack_pack(reply, head, static_cast<uint16_t>(size), command, data));
+    return produce_read_ack_pack(reply, head, static_cast<uint16_t>(size), command, data);
 }
 
 // Appends a data entry (ok) or the error entry [0][3] to a command-19 reply
@@ -346,30 +336,28 @@ void stage_write(uint8_t* dst, const uint8_t* data, int data_len)
 
 } // namespace
 
-void read_local_mem(const REG_ADDR& rec, int fd, uint8_t command)
+size_t read_local_mem(const REG_ADDR& rec, uint8_t command, uint8_t* reply)
 {
     uint8_t data[LOCAL_DATA_MAX] = {};
     ShmSemGuard sem(semid);
     Span sp;
     if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
-        send_refusal(fd, command);
-        return;
+        return refusal_reply(reply, command);
     }
     fetch_local(rec, sp, data);
-    send_data(fd, command, data, sp.size);
+    return data_reply(reply, command, data, sp.size);
 }
 
-void read_sram(const REG_ADDR& rec, int fd, uint8_t command)
+size_t read_sram(const REG_ADDR& rec, uint8_t command, uint8_t* reply)
 {
     uint8_t data[LOCAL_DATA_MAX] = {};
     ShmSemGuard sem(semid);
     Span sp;
     const Access a = make_span(rec, LOCAL_DATA_MAX, true, sp) ? fetch_sram(rec, sp, data) : Access::refused;
     if (a == Access::done) {
-        send_data(fd, command, data, sp.size);
-    } else if (a == Access::refused) {
-        send_refusal(fd, command);
+        return data_reply(reply, command, data, sp.size);
     }
+    return a == Access::refused ? refusal_reply(reply, command) : 0;
 }
 
 size_t sub_read_local_mem(const REG_ADDR& rec, uint8_t* reply_packet, size_t write_pos,
@@ -420,7 +408,7 @@ bool read_sram_rw(const REG_ADDR& rec, uint8_t* buf, size_t buf_size)
     return fetch_sram(rec, sp, buf) != Access::refused;
 }
 
-void write_local_mem(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len)
+size_t write_local_mem(const REG_ADDR& rec, const uint8_t* data, int data_len, uint8_t* reply)
 {
     std::printf("start=%d\r\n", rec.reg_addr_start);
     uint8_t src[LOCAL_DATA_MAX] = {};
@@ -428,17 +416,16 @@ void write_local_mem(const REG_ADDR& rec, int fd, const uint8_t* data, int data_
     ShmSemGuard sem(semid);
     Span sp;
     if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
-        send_refusal(fd, CMD_WRITE);
-        return;
+        return refusal_reply(reply, CMD_WRITE);
     }
     if (!sp.words && rec.reg_id == 249) {
         std::printf("length=%d\r\n", rec.reg_data_width);
     }
     store_local(rec, sp, src);
-    send_status(fd, write_success);
+    return status_reply(reply, write_success);
 }
 
-void write_sram(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len)
+size_t write_sram(const REG_ADDR& rec, const uint8_t* data, int data_len, uint8_t* reply)
 {
     uint8_t src[LOCAL_DATA_MAX] = {};
     stage_write(src, data, data_len);
@@ -446,10 +433,9 @@ void write_sram(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len)
     Span sp;
     const Access a = make_span(rec, LOCAL_DATA_MAX, true, sp) ? store_sram(rec, sp, src) : Access::refused;
     if (a == Access::done) {
-        send_status(fd, write_success);
-    } else if (a == Access::refused) {
-        send_refusal(fd, CMD_WRITE);
+        return status_reply(reply, write_success);
     }
+    return a == Access::refused ? refusal_reply(reply, CMD_WRITE) : 0;
 }
 
 bool write_local_mem_rw(const REG_ADDR& rec, const uint8_t* buf, size_t buf_size)

@@ -1,8 +1,10 @@
 // Direct access to the device's own registers: the local word and bit areas
 // of the shared segment (reg_id 249, 254, 255) and the SRAM file
 // (reg_id 250..253). Every function takes segment semaphore 0 around its
-// whole access; the functions that answer the client send the reply before
-// giving the semaphore back.
+// whole access. The functions that answer a client build the reply into the
+// caller's buffer (PACKET_BUF_SIZE bytes) and return its length; the caller
+// sends it after the semaphore is given back, so a client that does not read
+// never holds the segment.
 //
 // All take the record after normalisation. s = reg_addr_start,
 // n = reg_data_width; reg_type 2 is word access, any other reg_type is bit
@@ -16,7 +18,7 @@
 // answers [5][0][3][8], a refused command-19 item gets the error entry [0][3].
 //
 // When the SRAM file cannot be opened, "SRAM open error\r" is printed and
-// nothing is read, written or sent.
+// nothing is read or written, and there is no reply (length 0).
 #pragma once
 
 #include <cstddef>
@@ -27,9 +29,9 @@
 constexpr size_t LOCAL_DATA_MAX = 512;   // data bytes of one request
 constexpr size_t LOCAL_RW_BUF_SIZE = 128; // value buffer of a read-modify-write
 
-// Single reads (commands 3, 4, 8): send a data reply carrying `command` on fd.
-void read_local_mem(const REG_ADDR& rec, int fd, uint8_t command);
-void read_sram(const REG_ADDR& rec, int fd, uint8_t command);
+// Single reads (commands 3, 4, 8): a data reply carrying `command`.
+size_t read_local_mem(const REG_ADDR& rec, uint8_t command, uint8_t* reply);
+size_t read_sram(const REG_ADDR& rec, uint8_t command, uint8_t* reply);
 
 // Item reads of command 19. reply_packet is the 4096-byte reply under
 // construction; write_pos is the packet index where the entry goes, item_index
@@ -53,11 +55,11 @@ bool read_local_mem_rw(const REG_ADDR& rec, uint8_t* buf, size_t buf_size = LOCA
 bool read_sram_rw(const REG_ADDR& rec, uint8_t* buf, size_t buf_size = LOCAL_RW_BUF_SIZE);
 
 // Writes (command 5): data holds data_len bytes from the client; bytes the
-// range needs beyond data_len are taken as 0. Sends write_success on fd.
+// range needs beyond data_len are taken as 0. The reply is write_success.
 // write_local_mem prints "start=%d\r\n"; a bit write to reg_id 249 prints
 // "length=%d\r\n".
-void write_local_mem(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len);
-void write_sram(const REG_ADDR& rec, int fd, const uint8_t* data, int data_len);
+size_t write_local_mem(const REG_ADDR& rec, const uint8_t* data, int data_len, uint8_t* reply);
+size_t write_sram(const REG_ADDR& rec, const uint8_t* data, int data_len, uint8_t* reply);
 
 // Write half of a read-modify-write: no prints, no reply. Returns false when
 // the range is refused (nothing written); an SRAM open failure returns true.

@@ -43,54 +43,89 @@ static void append_realtime(RORT_node* node)
     ++real_link_len;
 }
 
-void insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int req_type)
+namespace {
+
+bool same_request(const RORT_node* n, const REG_ADDR& rec, const rw_oper& key, int req_type)
+{
+    // A read-modify-write is also identified by its operation, step and
+    // limits (the first four fields of the block).
+    return n->req_type == req_type && reg_addr_equal(n->reg_addr, rec) &&
+           (req_type != 2 || std::memcmp(&n->rw_oper, &key, 16) == 0);
+}
+
+// Older requests of the owner with the new request's identity can no longer
+// be collected: done ones go now, pending ones once the sweeper sees them done.
+void retire_older(const RORT_node* node)
+{
+    for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail;) {
+        RORT_node* next = n->next;
+        if (!n->retired && n->owner == node->owner &&
+            same_request(n, node->reg_addr, node->rw_oper, node->req_type)) {
+            n->retired = true;
+            if (n->status != 0) {
+                delete_realtime_link(n);
+            }
+        }
+        n = next;
+    }
+}
+
+// A pending read of the same range that has not been superseded.
+bool pending_equal_read(const REG_ADDR& rec)
+{
+    for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
+        if (n->req_type == 0 && n->status == 0 && !n->retired && reg_addr_equal(n->reg_addr, rec)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+RealtimeInsert insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int req_type, uint32_t owner)
 {
     if (node == nullptr) {
-        return;
+        return RealtimeInsert::refused;
     }
     node->age = 0;
     node->req_type = static_cast<int16_t>(req_type);
     node->status = 0;
     node->reg_addr = rec;
+    node->owner = owner;
+    node->retired = false;
 
-    if (RORT_link_head->next == RORT_link_tail) {
-        append_realtime(node);
-        return;
-    }
-    if (real_link_len > REALTIME_LIST_LIMIT) {
+    if (RORT_link_head->next != RORT_link_tail && real_link_len > REALTIME_LIST_LIMIT) {
         free_realtime_node(node);
-        return;
+        return RealtimeInsert::refused;
     }
-    // Only reads may be merged: the first queued read of the same range
-    // decides, and with the merge flag set it serves the new client as well.
-    if (req_type == 0) {
-        for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
-            if (n->req_type == 0 && reg_addr_equal(n->reg_addr, rec)) {
-                if (table_flag_merge_realtime_reads()) {
-                    free_realtime_node(node);
-                    return;
-                }
-                break;
-            }
-        }
+    retire_older(node);
+    // Only reads may be merged, and only into one that is still to be
+    // served: a done read would hand the new client values from before its
+    // request.
+    if (req_type == 0 && table_flag_merge_realtime_reads() && pending_equal_read(rec)) {
+        free_realtime_node(node);
+        return RealtimeInsert::merged;
     }
     append_realtime(node);
+    return RealtimeInsert::queued;
 }
 
-RORT_node* find_realtime_link(const REG_ADDR& rec, const rw_oper& key, int req_type)
+RORT_node* find_realtime_link(const REG_ADDR& rec, const rw_oper& key, int req_type, uint32_t owner)
 {
-    for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
-        if (n->req_type != req_type || !reg_addr_equal(n->reg_addr, rec)) {
+    RORT_node* newest_any = nullptr;
+    for (RORT_node* n = RORT_link_tail->prev; n != RORT_link_head; n = n->prev) {
+        if (n->retired || !same_request(n, rec, key, req_type)) {
             continue;
         }
-        // A read-modify-write is also identified by its operation, step and
-        // limits (the first four fields of the block).
-        if (req_type == 2 && std::memcmp(&n->rw_oper, &key, 16) != 0) {
-            continue;
+        if (n->owner == owner) {
+            return n;
         }
-        return n;
+        if (newest_any == nullptr) {
+            newest_any = n;
+        }
     }
-    return nullptr;
+    return newest_any;
 }
 
 void delete_realtime_link(RORT_node* node)

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "server/globals.h"
 #include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 
@@ -45,16 +46,21 @@ void sweep_ranges()
     }
 }
 
+// A done request that nobody collects goes on the fourth sweep, a retired
+// one (superseded by a newer request of its owner) on the first sweep that
+// finds it done. A pending request ages only when no thread serves its port:
+// otherwise a port thread may be using the node between its locked sections.
 void sweep_realtime()
 {
     std::lock_guard lock(mutex);
     RORT_node* node = RORT_link_head->next;
     while (node != RORT_link_tail) {
         RORT_node* next = node->next;
-        if (node->age > 2)
+        const bool done = node->status != 0;
+        if (node->age > 2 || (done && node->retired))
             delete_realtime_link(node);
-        else if (node->status != 0)
-            node->age++;   // pending requests never age
+        else if (done || !port_has_thread(node->reg_addr.deviceport_id))
+            node->age++;
         node = next;
     }
 }

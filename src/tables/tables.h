@@ -84,6 +84,8 @@ struct RORT_node {
     int16_t data_len;
     ::rw_oper rw_oper;
     uint8_t* data;          // owned
+    uint32_t owner;         // id of the connection that queued it
+    bool retired;           // superseded by a newer request of its owner: never collected
     RORT_node* prev;
     RORT_node* next;
 };

@@ -5,8 +5,6 @@
 #include <mutex>
 #include <numeric>
 #include <shared_mutex>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "port/com_state.h"
 #include "server/commands.h"
@@ -75,7 +73,7 @@ protected:
         for (uint16_t driver : {5, 50, 450})
             com_info.emplace_back().plc_driver_no = driver;
         port_num = 3;
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv_), 0);
+        port_threads = {true, true, true}; // ports 0..2 are polled
     }
     void TearDown() override
     {
@@ -85,8 +83,7 @@ protected:
         port_num = 0;
         local_short = nullptr;
         local_areas_init(0, 0, 0);
-        close(sv_[0]);
-        close(sv_[1]);
+        port_threads = {};
     }
 
     static void clear_requests()
@@ -96,19 +93,16 @@ protected:
             delete_realtime_link(RORT_link_head->next);
     }
 
-    // Runs a handler on a fresh connection the way the connection loop does
-    // and returns what it sent (handlers send before they return); its
-    // stdout goes to out_.
-    Bytes run(Handler handler, const Bytes& req)
+    // Runs a handler on the connection of client `id` and returns the reply it
+    // left to be sent; its stdout goes to out_.
+    Bytes run(Handler handler, const Bytes& req, uint32_t id = 1)
     {
         c_ = Connection{};
-        c_.sock = sv_[0];
+        c_.id = id;
         testing::internal::CaptureStdout();
         handler(c_, req.data());
         out_ = testing::internal::GetCapturedStdout();
-        uint8_t buf[4096];
-        const ssize_t n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT);
-        return n > 0 ? Bytes(buf, buf + n) : Bytes{};
+        return Bytes(c_.reply, c_.reply + c_.reply_len);
     }
 
     // Registers a range and gives its cache a status and data.
@@ -128,7 +122,6 @@ protected:
     Connection c_;
     uint8_t seg_[64] = {};
     std::string out_;
-    int sv_[2] = {-1, -1};
 };
 
 TEST_F(Commands, SubReadOffsetsModbusBitsAndTimedOutStation)

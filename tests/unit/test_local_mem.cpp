@@ -1,12 +1,10 @@
-// Local register and SRAM access over a fake segment, a socketpair and a
-// temporary SRAM file.
+// Local register and SRAM access over a fake segment and a temporary SRAM file.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fcntl.h>
 #include <numeric>
 #include <string>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -53,7 +51,6 @@ protected:
         local_bit = seg_.data() + BIT_OFF;
         local_areas_init(SEG_SIZE, SHORT_OFF, BIT_OFF);
         semid = -1;
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv_), 0);
         char tmpl[] = "/tmp/sram_test_XXXXXX";
         close(mkstemp(tmpl)); // empty: short reads leave zeros
         sram_file_ = tmpl;
@@ -65,24 +62,17 @@ protected:
         local_areas_init(0, 0, 0);
         unsetenv("COMSERVER_SRAM_PATH");
         unlink(sram_file_.c_str());
-        close(sv_[0]);
-        close(sv_[1]);
     }
 
-    // Replies are sent before the function returns, so whatever is queued now is all.
-    Bytes reply()
-    {
-        uint8_t buf[4096];
-        const ssize_t n = recv(sv_[1], buf, sizeof buf, MSG_DONTWAIT);
-        return n > 0 ? Bytes(buf, buf + n) : Bytes{};
-    }
-    Bytes local(const REG_ADDR& r, uint8_t cmd) { read_local_mem(r, fd(), cmd); return reply(); }
-    Bytes sram_read(const REG_ADDR& r, uint8_t cmd) { read_sram(r, fd(), cmd); return reply(); }
+    // The first n bytes of the reply buffer: the reply a function built.
+    Bytes reply(size_t n) const { return Bytes(reply_, reply_ + n); }
+    Bytes local(const REG_ADDR& r, uint8_t cmd) { return reply(read_local_mem(r, cmd, reply_)); }
+    Bytes sram_read(const REG_ADDR& r, uint8_t cmd) { return reply(read_sram(r, cmd, reply_)); }
+    Bytes write(const REG_ADDR& r, const uint8_t* data, int n) { return reply(write_local_mem(r, data, n, reply_)); }
     void set_word(size_t w, uint16_t v) { std::memcpy(local_short + 2 * w, &v, 2); }
-    int fd() const { return sv_[0]; }
 
     Bytes seg_;
-    int sv_[2] = {-1, -1};
+    uint8_t reply_[4096] = {};
     std::string sram_file_;
 };
 
@@ -110,9 +100,9 @@ TEST_F(LocalMem, ReadsComeFromTheRightAreaBitsPackedLsbFirst)
     // Bit writes to the word area print the range.
     const uint8_t bits[] = {0x05};
     testing::internal::CaptureStdout();
-    write_local_mem(rec(249, 0, 14, 3), fd(), bits, 1); // bits 14, 16 set, 15 cleared
+    const Bytes written = write(rec(249, 0, 14, 3), bits, 1); // bits 14, 16 set, 15 cleared
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "start=14\r\nlength=3\r\n");
-    EXPECT_EQ(reply(), packet({5, 1, 0}));
+    EXPECT_EQ(written, packet({5, 1, 0}));
     EXPECT_EQ(Bytes(local_short, local_short + 4), (Bytes{0x00, 0x40, 0x01, 0x40})); // bit 30 kept
 }
 
@@ -166,9 +156,9 @@ TEST_F(LocalMem, OutOfBoundsRequestsAreRefusedWithoutTouchingMemory)
 
     const uint8_t ones[LOCAL_DATA_MAX] = {0xFF};
     testing::internal::CaptureStdout();
-    write_local_mem(rec(254, 0, BIT_BYTES * 8 - 1, 2), fd(), ones, 1);
+    const Bytes write_refused = write(rec(254, 0, BIT_BYTES * 8 - 1, 2), ones, 1);
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(reply(), packet({5, 0, 3}));
+    EXPECT_EQ(write_refused, packet({5, 0, 3}));
     EXPECT_FALSE(write_local_mem_rw(rec(249, 2, 0, 65), ones)); // beyond the 128-byte value buffer
     uint8_t buf[LOCAL_RW_BUF_SIZE] = {};
     EXPECT_FALSE(read_local_mem_rw(rec(249, 2, SHORT_BYTES / 2, 1), buf));

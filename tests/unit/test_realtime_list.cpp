@@ -22,14 +22,15 @@ protected:
     }
 
     // Queues a request as the client commands do; the list may free it at once.
-    static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0)
+    static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0, uint32_t owner = 0)
     {
         RORT_node* n = new_realtime_node(cal_commbuf_size(rec));
         n->rw_oper.op_code = op;
         n->rw_oper.direction = 1;
-        insert_realtime_link(n, rec, type);
+        last_insert = insert_realtime_link(n, rec, type, owner);
         return n;
     }
+    static RORT_node* find_read(uint32_t owner) { return find_realtime_link(a, no_op, 0, owner); }
     // Nodes in the list, which must match the counter.
     static int queued()
     {
@@ -40,7 +41,8 @@ protected:
     }
 
     LocalBits bits;
-    const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
+    static inline const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
+    static inline RealtimeInsert last_insert{};
 };
 
 TEST_F(RealtimeList, NodeAllocation)
@@ -57,28 +59,49 @@ TEST_F(RealtimeList, NodeAllocation)
     EXPECT_TRUE(n->age == 0 && n->status == 0 && n->req_type == 1 && reg_addr_equal(n->reg_addr, a));
 }
 
-TEST_F(RealtimeList, EqualReadsMergeOnlyWithTheFlagAndCapacityIs2001)
+TEST_F(RealtimeList, ChecksFindTheOwnersNewestRequest)
 {
-    queue(a, 0);
-    queue(a, 0);
-    EXPECT_EQ(queued(), 2);
-    TearDown();
+    RORT_node* mine = queue(a, 0, 0, 1);
+    RORT_node* theirs = queue(a, 0, 0, 2);
+    EXPECT_EQ(find_read(1), mine);
+    EXPECT_EQ(find_read(2), theirs);
 
+    // A newer request of owner 1 retires the older ones: a done one goes at
+    // once, a pending one stays to be served but is never found again.
+    mine->status = 1;
+    RORT_node* pending = queue(a, 0, 0, 1);
+    EXPECT_EQ(queued(), 2);
+    RORT_node* newest = queue(a, 0, 0, 1);
+    EXPECT_EQ(queued(), 3);
+    EXPECT_TRUE(pending->retired);
+    EXPECT_EQ(find_read(1), newest);
+    EXPECT_EQ(find_read(3), newest) << "an owner without a request of its own gets the newest";
+    EXPECT_EQ(find_read(2), theirs);
+}
+
+TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2001)
+{
     set_bit(9262);   // merge equal realtime reads
     RORT_node* first = queue(a, 0);
-    queue(a, 0);   // refused: freed by the list
+    queue(a, 0, 0, 1);
+    EXPECT_EQ(last_insert, RealtimeInsert::merged);
+    EXPECT_EQ(find_read(1), first);
     queue(a, 1);   // writes are never merged
     queue(a, 1);
     EXPECT_EQ(queued(), 3);
-    EXPECT_EQ(find_realtime_link(a, no_op, 0), first);
+    first->status = 1;   // a done read serves nobody new
+    RORT_node* fresh = queue(a, 0, 0, 2);
+    EXPECT_EQ(last_insert, RealtimeInsert::queued);
+    EXPECT_EQ(find_read(2), fresh);
     TearDown();
 
     for (int i = 0; i < 2001; ++i) queue(make_rec(1, 1, 2, 3, i, 1), 1);
     queue(a, 0);
+    EXPECT_EQ(last_insert, RealtimeInsert::refused);
     EXPECT_EQ(queued(), 2001);
     delete_realtime_link(RORT_link_head->next);   // once one is collected there is room again
     RORT_node* n = queue(a, 0);
-    EXPECT_EQ(find_realtime_link(a, no_op, 0), n);
+    EXPECT_EQ(find_read(0), n);
 }
 
 TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)

@@ -12,6 +12,7 @@
 
 #include "port/port_thread.h"
 #include "table_invariants.h"
+#include "tables/opt_builder.h"
 #include "tables/realtime_list.h"
 
 using namespace table_test;
@@ -249,19 +250,26 @@ TEST_F(RealtimeService, UnservableRequestsFailWithoutDriverCall)
     EXPECT_EQ(calls.size(), 2u); // the read and write of the last request only
 }
 
-TEST_F(RealtimeService, UnusableDriverFailsEveryPendingRequestOfItsPort)
+TEST_F(RealtimeService, UnusableDriverFailsItsRequestsAndFreesEmptiedAreas)
 {
     auto t = port(5);
     t->usable = false;
+    opt_list_init(t->list_head, t->list_tail);
+    t->cursor = t->list_head;
     std::vector<RORT_node*> mine;
     for (int i = 0; i < 5; ++i)
         mine.push_back(queue(make_rec(1, 3, 2, 7, i, 1), i % 3, {}, op(5)));
     RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
-    port_serve_realtime(*t);
+    const REG_ADDR range = make_rec(1, 3, 2, 7, 0, 4);
+    insert_ORT_FAT(range);
+    unregister_ORT_FAT(range);   // its area is left empty, waiting for the port
+    port_idle_cycle(*t);
     for (RORT_node* n : mine)
         EXPECT_EQ(n->status, 3);
     EXPECT_EQ(other->status, 0);
     EXPECT_TRUE(calls.empty());
+    EXPECT_EQ(FAT_link_head->next, FAT_link_tail);
+    opt_list_free(t->list_head, t->list_tail);
 }
 
 } // namespace
