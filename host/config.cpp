@@ -276,6 +276,8 @@ HostConfig host_config_parse(std::string_view text, const fs::path& base_dir)
         cfg.server = resolve(base_dir, *v);
     if (auto v = get_string(root, "sim_plugin", ""))
         cfg.sim_plugin = resolve(base_dir, *v);
+    if (auto v = get_string(root, "modbus_plugin", ""))
+        cfg.modbus_plugin = resolve(base_dir, *v);
     parse_ports(root, base_dir, cfg);
     parse_initial_bits(root, cfg);
     return cfg;

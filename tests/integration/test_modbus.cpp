@@ -7,6 +7,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
 #include <set>
 #include <sys/wait.h>
 
@@ -233,15 +234,28 @@ private:
     std::vector<std::string> paths_;
 };
 
+// Also a slave whose TCP port is taken: it keeps trying until the port is free.
 TEST(ModbusRtu, PollsAndWritesOverASerialLine)
 {
     PtyPair pty;
     ASSERT_EQ(pty.paths().size(), 2u);
     ModbusPeer peer(pty.paths()[0], 7);
     peer.set_holding(3, 0x0102);
+    const int busy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // not inherited by the server
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(busy, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ::listen(busy, 1);
+    socklen_t len = sizeof a;
+    ::getsockname(busy, reinterpret_cast<sockaddr*>(&a), &len);
+    const std::string slave_port = std::to_string(ntohs(a.sin_port));
+
     rig::Config cfg;
-    cfg.ports = {modbus_port("baud = 19200\nparity = \"E\"\ndata_bits = 8\nstop_bits = 1\ntimeout_ms = 300")};
-    cfg.env = {{"COMSERVER_SERIAL_PATH_0", pty.paths()[1]}, {"COMSERVER_SWEEP_SECONDS", "86400"}};
+    cfg.ports = {modbus_port("baud = 19200\nparity = \"E\"\ndata_bits = 8\nstop_bits = 1\ntimeout_ms = 300\n"
+                             "modbus_server_port = " + slave_port)};
+    cfg.env = {{"COMSERVER_SERIAL_PATH_0", pty.paths()[1]}, {"COMSERVER_SWEEP_SECONDS", "86400"},
+               {"COMSERVER_MODBUS_LISTEN", "127.0.0.1"}};
     rig::Server server(cfg);
     server.start();
     EXPECT_TRUE(server.wait_for("dev=" + pty.paths()[1]));
@@ -249,6 +263,10 @@ TEST(ModbusRtu, PollsAndWritesOverASerialLine)
     EXPECT_EQ(itest::read_until_data(c, rec(0, 7, 2, 4, 3, 1)).data, le16s({0x0102}));
     EXPECT_TRUE(write_and_wait(c, rec(0, 7, 0, 0, 9, 1), Bytes{0x01}).ok);
     EXPECT_TRUE(peer.coil(9));
+
+    EXPECT_TRUE(server.wait_for("cannot listen on TCP port " + slave_port)) << server.output();
+    ::close(busy);
+    EXPECT_TRUE(server.wait_for("serving local areas on TCP port " + slave_port)) << server.output();
 }
 
 } // namespace
