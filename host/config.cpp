@@ -1,5 +1,6 @@
 #include "host/config.h"
 
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <optional>
@@ -7,6 +8,7 @@
 #include <string>
 #include <system_error>
 
+#include <arpa/inet.h>
 #include <toml++/toml.h>
 
 namespace fs = std::filesystem;
@@ -56,9 +58,97 @@ std::optional<std::string> get_string(const toml::table& t, std::string_view key
     return v->get();
 }
 
+constexpr uint16_t MODBUS_DRIVER = 50;
+constexpr int64_t MODBUS_TIMEOUT_MAX_MS = 600000;
+constexpr int64_t SERIAL_BAUDS[] = {300, 600, 1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600};
+
 fs::path resolve(const fs::path& base, const std::string& p)
 {
     return fs::path(p).is_absolute() ? fs::path(p) : (base / p).lexically_normal();
+}
+
+enum class Line { tcp, serial, any };
+
+// A friendly Modbus key, when given: it must not come with the raw key that
+// fills the same record bytes, and it must suit the port's kind of line.
+const toml::node* modbus_key(const toml::table& t, std::string_view key, std::string_view raw, Line line,
+                             bool tcp, const std::string& where)
+{
+    const toml::node* node = t.get(key);
+    if (!node)
+        return nullptr;
+    const std::string name = where + std::string(key);
+    if (t.contains(raw))
+        fail(node, name + " and " + where + std::string(raw) + " fill the same record bytes: give one of them");
+    if (line == Line::tcp && !tcp)
+        fail(node, name + " needs a Modbus TCP port (working_mode 85)");
+    if (line == Line::serial && tcp)
+        fail(node, name + " needs a serial port (working_mode other than 85)");
+    return node;
+}
+
+// The record keeps the address with its first octet in byte 12.
+uint32_t ipv4_param(const toml::node* node, const std::string& name)
+{
+    const auto* v = node->as_string();
+    in_addr a{};
+    if (!v || inet_pton(AF_INET, v->get().c_str(), &a) != 1)
+        fail(node, name + " must be an IPv4 address such as \"192.168.0.10\"");
+    uint8_t b[4];
+    std::memcpy(b, &a, 4);
+    return uint32_t{b[0]} | uint32_t{b[1]} << 8 | uint32_t{b[2]} << 16 | uint32_t{b[3]} << 24;
+}
+
+uint8_t parity_param(const toml::node* node, const std::string& name)
+{
+    const auto* v = node->as_string();
+    if (!v || (v->get() != "N" && v->get() != "E" && v->get() != "O"))
+        fail(node, name + " must be \"N\", \"E\" or \"O\"");
+    return static_cast<uint8_t>(v->get()[0]);
+}
+
+uint32_t baud_param(const toml::table& t, const std::string& where)
+{
+    const int64_t baud = *get_int(t, "baud", where, 1, std::numeric_limits<uint32_t>::max());
+    std::string rates;
+    for (int64_t r : SERIAL_BAUDS) {
+        if (r == baud)
+            return static_cast<uint32_t>(baud);
+        rates += (rates.empty() ? "" : ", ") + std::to_string(r);
+    }
+    fail(t.get("baud"), where + "baud = " + std::to_string(baud) + " is not one of " + rates);
+}
+
+// Friendly keys of a Modbus port, filling the record bytes the Modbus
+// plug-in reads. plugin = "modbus" makes the driver number 50 and a TCP
+// key makes the port a 'U'-mode port, unless the raw keys say otherwise.
+void parse_modbus_keys(const toml::table& t, const std::string& where, HostPort& port)
+{
+    com_port_info& r = port.record;
+    if (port.plugin == HostPlugin::modbus && !t.contains("plc_driver_no"))
+        r.plc_driver_no = MODBUS_DRIVER;
+    if ((t.contains("modbus_host") || t.contains("modbus_port")) && !t.contains("working_mode"))
+        r.working_mode = WORKING_MODE_U;
+    const bool tcp = r.working_mode == WORKING_MODE_U;
+    if (const auto* n = modbus_key(t, "modbus_host", "drv_param1", Line::tcp, tcp, where))
+        r.drv_param1 = ipv4_param(n, where + "modbus_host");
+    if (modbus_key(t, "modbus_port", "drv_param2", Line::tcp, tcp, where))
+        r.drv_param2 = static_cast<uint32_t>(*get_int(t, "modbus_port", where, 1, 65535));
+    if (modbus_key(t, "timeout_ms", "drv_param3", Line::any, tcp, where))
+        r.drv_param3 = static_cast<uint32_t>(*get_int(t, "timeout_ms", where, 1, MODBUS_TIMEOUT_MAX_MS));
+    if (modbus_key(t, "baud", "line_value", Line::serial, tcp, where))
+        r.line_value = baud_param(t, where);
+    if (const auto* n = modbus_key(t, "parity", "line_param_lo", Line::serial, tcp, where))
+        r.line_param_lo = parity_param(n, where + "parity");
+    if (modbus_key(t, "data_bits", "line_param_hi", Line::serial, tcp, where))
+        r.line_param_hi = static_cast<uint8_t>(*get_int(t, "data_bits", where, 5, 8));
+    if (modbus_key(t, "stop_bits", "line_option", Line::serial, tcp, where))
+        r.line_option = static_cast<uint8_t>(*get_int(t, "stop_bits", where, 1, 2));
+    if (modbus_key(t, "modbus_server_port", "slave_arg", Line::any, tcp, where)) {
+        // Record bytes 24..25 hold the port as a signed 16-bit field.
+        r.slave_arg = static_cast<int16_t>(*get_int(t, "modbus_server_port", where, 1, 65535));
+        r.slave_flag = 1;
+    }
 }
 
 HostPort parse_port(const toml::table& t, size_t index, const fs::path& base)
@@ -92,15 +182,18 @@ HostPort parse_port(const toml::table& t, size_t index, const fs::path& base)
     if (auto p = get_string(t, "plugin", where)) {
         if (*p == "sim") {
             port.plugin = HostPlugin::sim;
+        } else if (*p == "modbus") {
+            port.plugin = HostPlugin::modbus;
         } else if (*p == "none") {
             port.plugin = HostPlugin::none;
         } else if (p->empty()) {
-            fail(t.get("plugin"), where + "plugin must be \"sim\", \"none\" or a file path");
+            fail(t.get("plugin"), where + "plugin must be \"sim\", \"modbus\", \"none\" or a file path");
         } else {
             port.plugin = HostPlugin::file;
             port.plugin_file = resolve(base, *p);
         }
     }
+    parse_modbus_keys(t, where, port);
     return port;
 }
 
@@ -183,6 +276,8 @@ HostConfig host_config_parse(std::string_view text, const fs::path& base_dir)
         cfg.server = resolve(base_dir, *v);
     if (auto v = get_string(root, "sim_plugin", ""))
         cfg.sim_plugin = resolve(base_dir, *v);
+    if (auto v = get_string(root, "modbus_plugin", ""))
+        cfg.modbus_plugin = resolve(base_dir, *v);
     parse_ports(root, base_dir, cfg);
     parse_initial_bits(root, cfg);
     return cfg;

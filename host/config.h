@@ -11,7 +11,7 @@
 #include "server/port_config.h"
 
 // Which plug-in file is copied for a port.
-enum class HostPlugin { sim, none, file };
+enum class HostPlugin { sim, modbus, none, file };
 
 struct HostPort {
     com_port_info record{};
@@ -27,6 +27,7 @@ struct HostConfig {
     uint32_t local_bit_count = 16384;
     std::filesystem::path server;       // empty: comserver next to comhost
     std::filesystem::path sim_plugin;   // empty: ../lib/sim_drv.so from comhost
+    std::filesystem::path modbus_plugin; // empty: ../lib/modbus_drv.so from comhost
     std::vector<HostPort> ports;
     std::vector<uint32_t> initial_bits; // local bits set before the server starts
 };

@@ -32,11 +32,18 @@ fs::path own_dir()
     return ec ? fs::current_path() : exe.parent_path();
 }
 
+// The built plug-ins that "sim" and "modbus" name.
+struct BuiltPlugins {
+    fs::path sim;
+    fs::path modbus;
+};
+
 // The plug-in file of a port, or an empty path for "none".
-fs::path plugin_source(const HostPort& port, const fs::path& sim_plugin)
+fs::path plugin_source(const HostPort& port, const BuiltPlugins& built)
 {
     switch (port.plugin) {
-    case HostPlugin::sim: return sim_plugin;
+    case HostPlugin::sim: return built.sim;
+    case HostPlugin::modbus: return built.modbus;
     case HostPlugin::file: return port.plugin_file;
     case HostPlugin::none: break;
     }
@@ -44,7 +51,7 @@ fs::path plugin_source(const HostPort& port, const fs::path& sim_plugin)
 }
 
 // Checks that every file comhost needs exists; prints what is missing.
-bool files_present(const HostConfig& cfg, const fs::path& server, const fs::path& sim_plugin)
+bool files_present(const HostConfig& cfg, const fs::path& server, const BuiltPlugins& built)
 {
     bool ok = true;
     if (access(server.c_str(), X_OK) != 0) {
@@ -52,7 +59,7 @@ bool files_present(const HostConfig& cfg, const fs::path& server, const fs::path
         ok = false;
     }
     for (const HostPort& port : cfg.ports) {
-        fs::path src = plugin_source(port, sim_plugin);
+        fs::path src = plugin_source(port, built);
         if (!src.empty() && !fs::is_regular_file(src)) {
             fprintf(stderr, "comhost: plug-in %s of port %u not found\n", src.c_str(),
                     unsigned{port.record.deviceport});
@@ -65,7 +72,7 @@ bool files_present(const HostConfig& cfg, const fs::path& server, const fs::path
 // Copies each port's plug-in into the plug-in directory under the name the
 // server loads. The copy is renamed into place, so a server still running
 // from an earlier copy keeps its mapping intact.
-bool install_plugins(const HostConfig& cfg, const fs::path& sim_plugin)
+bool install_plugins(const HostConfig& cfg, const BuiltPlugins& built)
 {
     std::error_code ec;
     fs::create_directories(cfg.plugin_dir, ec);
@@ -75,7 +82,7 @@ bool install_plugins(const HostConfig& cfg, const fs::path& sim_plugin)
     }
     const char* prefix = cfg.mode == 0 ? "drv_p" : "sim_drv_p";
     for (const HostPort& port : cfg.ports) {
-        fs::path src = plugin_source(port, sim_plugin);
+        fs::path src = plugin_source(port, built);
         if (src.empty())
             continue;
         std::string name = prefix + std::to_string(port.record.deviceport) + ".so";
@@ -125,10 +132,12 @@ int main(int argc, char** argv)
     }
     fs::path dir = own_dir();
     fs::path server = !server_arg.empty() ? server_arg : !cfg.server.empty() ? cfg.server : dir / "comserver";
-    fs::path sim_plugin = !cfg.sim_plugin.empty() ? cfg.sim_plugin : (dir / "../lib/sim_drv.so").lexically_normal();
-    if (!files_present(cfg, server, sim_plugin))
+    const BuiltPlugins built{
+        !cfg.sim_plugin.empty() ? cfg.sim_plugin : (dir / "../lib/sim_drv.so").lexically_normal(),
+        !cfg.modbus_plugin.empty() ? cfg.modbus_plugin : (dir / "../lib/modbus_drv.so").lexically_normal()};
+    if (!files_present(cfg, server, built))
         return EXIT_BAD_CONFIG;
-    if (!install_plugins(cfg, sim_plugin))
+    if (!install_plugins(cfg, built))
         return 1;
 
     SegmentLayout layout = segment_layout(cfg);

@@ -77,6 +77,14 @@ void choose_device_path(int deviceport, bool swapped, char* path)
         // Lines 4..6 have no swapped counterpart and keep their normal path.
         p = ttyp[deviceport];
     }
+    // An override names the line's device outright, whatever the swap flag says.
+    const std::string over = serial_path_override(deviceport);
+    if (over.size() >= DEVICE_PATH_SIZE) {
+        std::printf("COMSERVER_SERIAL_PATH_%d is longer than %d characters: ignored\r\n", deviceport,
+                    DEVICE_PATH_SIZE - 1);
+    } else if (!over.empty()) {
+        p = over.c_str();
+    }
     if (p != nullptr) {
         std::strncpy(path, p, DEVICE_PATH_SIZE - 1);
     }

@@ -14,7 +14,8 @@ std::string driver_library_path(int mode, int deviceport);
 int read_sram_change_uart();
 
 // Copies the device path of a serial port into path (DEVICE_PATH_SIZE bytes).
-// A deviceport outside the tables gets an empty path.
+// A deviceport outside the tables gets an empty path. COMSERVER_SERIAL_PATH_<N>
+// replaces the path of line N when it fits the buffer.
 void choose_device_path(int deviceport, bool swapped, char* path);
 
 void build_port_device(const com_port_info& rec, char* path, PortDevice& dev);

@@ -20,7 +20,6 @@
 namespace fs = std::filesystem;
 
 namespace rig {
-namespace {
 
 int free_tcp_port()
 {
@@ -35,6 +34,8 @@ int free_tcp_port()
     ::close(fd);
     return ntohs(a.sin_port);
 }
+
+namespace {
 
 // Runs in the forked child: fills descriptors 3 .. last with /dev/null (kept
 // across exec) and raises the descriptor limit well above them.
@@ -100,12 +101,14 @@ void Server::write_config() const
         f << "deviceport = " << (p.deviceport < 0 ? static_cast<int>(i) : p.deviceport) << "\n";
         f << "working_mode = " << p.working_mode << "\n";
         f << "plc_driver_no = " << p.plc_driver_no << "\n";
-        f << "drv_param1 = " << p.drv_param1 << "\n";
+        if (p.drv_param1 != 0) {
+            f << "drv_param1 = " << p.drv_param1 << "\n";
+        }
         f << "max_words = " << p.max_words << "\n";
         f << "max_bits = " << p.max_bits << "\n";
         f << "word_gap = " << p.word_gap << "\n";
         f << "bit_gap = " << p.bit_gap << "\n";
-        f << "plugin = \"" << p.plugin << "\"\n";
+        f << "plugin = \"" << p.plugin << "\"\n" << p.extra << "\n";
     }
 }
 

@@ -21,7 +21,8 @@ struct PortSpec {
     int max_bits = 256;
     int word_gap = 4;
     int bit_gap = 16;
-    std::string plugin = "sim"; // "sim", "none" or a file to copy
+    std::string plugin = "sim"; // "sim", "modbus", "none" or a file to copy
+    std::string extra;          // more lines of the [[port]] table, as TOML
 };
 
 struct Config {
@@ -76,6 +77,9 @@ private:
     int shmid_ = -1;
     int semid_ = -1;
 };
+
+// A loopback TCP port that was free a moment ago.
+int free_tcp_port();
 
 // Waits until pred() holds or the deadline passes; returns pred()'s last value.
 template <typename Pred>

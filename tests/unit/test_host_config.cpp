@@ -72,6 +72,41 @@ TEST(HostConfig, RejectsBadConfigurationsWithAMessageNamingTheField)
     EXPECT_EQ(parse(ports(255)).ports.size(), 255u);
 }
 
+TEST(HostConfig, ModbusKeysFillTheRecordOrNameTheBadValue)
+{
+    const HostConfig tcp = host_config_load(SOURCE_DIR "/examples/modbus-tcp.toml");
+    const com_port_info& t = tcp.ports.at(0).record;
+    EXPECT_EQ(tcp.ports[0].plugin, HostPlugin::modbus);
+    EXPECT_EQ(std::tuple(t.working_mode, t.plc_driver_no, t.drv_param1, t.drv_param2, t.drv_param3, t.slave_flag,
+                         t.slave_arg),
+              std::tuple(85, 50, 0x0a00a8c0u, 502u, 500u, 1, 1502));
+    const com_port_info s = parse("tcp_port = 1\n[[port]]\nplugin = \"modbus\"\nbaud = 19200\nparity = \"E\"\n"
+                                  "data_bits = 7\nstop_bits = 2\nmodbus_server_port = 40000\n").ports.at(0).record;
+    EXPECT_EQ(std::tuple(s.working_mode, s.line_value, s.line_param_lo, s.line_param_hi, s.line_option, s.slave_arg),
+              std::tuple(1, 19200u, 'E', 7, 2, -25536));
+
+    const std::pair<std::string, const char*> cases[] = {
+        {"modbus_host = \"300.1.2.3\"", "port[0].modbus_host must be an IPv4 address"},
+        {"modbus_port = 0", "port[0].modbus_port = 0 is out of range 1..65535"},
+        {"modbus_port = 502\ndrv_param2 = 502", "modbus_port and port[0].drv_param2 fill the same record bytes"},
+        {"working_mode = 1\nmodbus_host = \"10.0.0.1\"", "modbus_host needs a Modbus TCP port"},
+        {"modbus_host = \"10.0.0.1\"\nbaud = 9600", "baud needs a serial port"},
+        {"baud = 1234", "baud = 1234 is not one of 300, 600"},
+        {"parity = \"X\"", "parity must be \"N\", \"E\" or \"O\""},
+        {"data_bits = 9", "data_bits = 9 is out of range 5..8"},
+        {"timeout_ms = 0", "timeout_ms = 0 is out of range"},
+    };
+    for (const auto& [keys, message] : cases) {
+        std::string error = "no error";
+        try {
+            parse("tcp_port = 1\n[[port]]\nplugin = \"modbus\"\n" + keys);
+        } catch (const HostConfigError& e) {
+            error = e.what();
+        }
+        EXPECT_NE(error.find(message), std::string::npos) << keys << "\n  gave: " << error;
+    }
+}
+
 TEST(HostSegment, LocalAreasStartOnAPageAfterTheRecords)
 {
     // The bit area is rounded up to a 32-bit word: two such words hold 33 bits.
