@@ -152,7 +152,8 @@ void Server::start()
     const size_t at = out.find("server pid ");
     server_pid_ = static_cast<pid_t>(std::atol(out.c_str() + at + 11));
 
-    // The server's command line names the segment and the semaphore set.
+    // The server's command line ends in MODE SHMID SEMID. Counted from the end:
+    // under emulation the line starts with the emulator's own path.
     std::ifstream cmdline("/proc/" + std::to_string(server_pid_) + "/cmdline");
     std::string all((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
     std::vector<std::string> args;
@@ -161,8 +162,8 @@ void Server::start()
         args.push_back(a);
     }
     if (args.size() >= 4) {
-        shmid_ = std::atoi(args[2].c_str());
-        semid_ = std::atoi(args[3].c_str());
+        shmid_ = std::atoi(args[args.size() - 2].c_str());
+        semid_ = std::atoi(args[args.size() - 1].c_str());
     }
 }
 
