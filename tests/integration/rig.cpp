@@ -18,7 +18,6 @@
 namespace fs = std::filesystem;
 
 namespace rig {
-namespace {
 
 int free_tcp_port()
 {
@@ -33,8 +32,6 @@ int free_tcp_port()
     ::close(fd);
     return ntohs(a.sin_port);
 }
-
-} // namespace
 
 Server::Server(Config cfg) : cfg_(std::move(cfg))
 {

@@ -70,6 +70,9 @@ private:
     int semid_ = -1;
 };
 
+// A loopback TCP port that was free a moment ago.
+int free_tcp_port();
+
 // Waits until pred() holds or the deadline passes; returns pred()'s last value.
 template <typename Pred>
 bool eventually(Pred pred, std::chrono::milliseconds deadline = std::chrono::seconds(10))
