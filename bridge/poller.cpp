@@ -129,8 +129,12 @@ void Poller::read_due(Clock::time_point now)
     for (size_t i = 0; i < states_.size(); ++i)
         if (states_[i].due <= now)
             due.push_back(i);
-    for (size_t at = 0; at < due.size() && client_; at += kReadBatch)
+    // Publishing between batches spreads a large round of changes out
+    // instead of sending it in one burst at the end.
+    for (size_t at = 0; at < due.size() && client_; at += kReadBatch) {
         read_batch(std::span(due).subspan(at, std::min(kReadBatch, due.size() - at)), now);
+        publish_changed();
+    }
 }
 
 void Poller::read_batch(std::span<const size_t> tags, Clock::time_point now)

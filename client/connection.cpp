@@ -380,6 +380,11 @@ std::vector<Reply> Client::request_all(std::span<const uint8_t> packets, size_t 
             if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
                 throw Error(ErrorKind::io, errno_text("recv"));
             if (n > 0) {
+                // The server sends each reply on its own; with Nagle on its
+                // side, the next replies wait for our ACK, so acknowledge at
+                // once instead of after the delayed-ACK pause.
+                int one = 1;
+                setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
                 in.insert(in.end(), chunk.begin(), chunk.begin() + n);
                 take_replies(in, out);
                 deadline = Clock::now() + timeout_;

@@ -94,10 +94,10 @@ std::string Process::output() const
     return std::string((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
 }
 
-Broker::Broker() : dir_(make_temp_dir("broker")), port_(rig::free_tcp_port()), proc_(dir_)
+Broker::Broker(const std::string& extra_conf) : dir_(make_temp_dir("broker")), port_(rig::free_tcp_port()), proc_(dir_)
 {
     std::ofstream conf(dir_ + "/mosquitto.conf");
-    conf << "listener " << port_ << " 127.0.0.1\nallow_anonymous true\npersistence false\n";
+    conf << "listener " << port_ << " 127.0.0.1\nallow_anonymous true\npersistence false\n" << extra_conf;
 }
 
 Broker::~Broker()
@@ -127,7 +127,8 @@ Bridge::~Bridge()
     fs::remove_all(dir_, ec);
 }
 
-Probe::Probe(int port, const std::string& filter, bool keep_history) : filter_(filter), keep_history_(keep_history)
+Probe::Probe(int port, const std::string& filter, bool keep_history, int qos)
+    : filter_(filter), keep_history_(keep_history), qos_(qos)
 {
     static LibMosquitto lib;
     mosq_ = mosquitto_new(nullptr, true, this);
@@ -148,7 +149,7 @@ Probe::~Probe()
 void Probe::on_connect(mosquitto* m, void* self, int rc)
 {
     if (rc == 0)
-        mosquitto_subscribe(m, nullptr, static_cast<Probe*>(self)->filter_.c_str(), 1);
+        mosquitto_subscribe(m, nullptr, static_cast<Probe*>(self)->filter_.c_str(), static_cast<Probe*>(self)->qos_);
 }
 
 void Probe::on_message(mosquitto*, void* self, const mosquitto_message* msg)

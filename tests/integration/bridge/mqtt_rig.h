@@ -41,7 +41,8 @@ private:
 
 class Broker {
 public:
-    Broker();
+    // extra_conf: more mosquitto.conf lines (e.g. queue limits).
+    explicit Broker(const std::string& extra_conf = "");
     ~Broker();
     // Starts mosquitto (again, on the same port) and waits until it listens.
     void start();
@@ -74,7 +75,9 @@ private:
 // message per topic.
 class Probe {
 public:
-    Probe(int port, const std::string& filter, bool keep_history = true);
+    // keep_history false keeps only the latest message per topic; qos is
+    // the subscription's.
+    Probe(int port, const std::string& filter, bool keep_history = true, int qos = 1);
     ~Probe();
     Probe(const Probe&) = delete;
     Probe& operator=(const Probe&) = delete;
@@ -98,6 +101,7 @@ private:
 
     std::string filter_;
     bool keep_history_;
+    int qos_;
     mosquitto* mosq_ = nullptr;
     mutable std::mutex mutex_;  // guards messages_ and total_
     std::map<std::string, std::vector<std::string>> messages_;
