@@ -5,9 +5,11 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
+SOAK_CLIENTS ?= 200
+SOAK_SECONDS ?= 600
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test asan-test bench fuzz clean
+.PHONY: all deps build run test asan-test bench fuzz soak clean
 
 all: build
 
@@ -41,6 +43,13 @@ fuzz: deps
 	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets
 	scripts/fuzz $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# Soak run, not part of make test: SOAK_CLIENTS clients for SOAK_SECONDS
+# against comhost + comserver with simulated ports (docs/benchmarks.md).
+soak: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOMSERVER_BENCH=ON >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target soak
+	$(BUILD)/bin/soak --clients $(SOAK_CLIENTS) --seconds $(SOAK_SECONDS)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
