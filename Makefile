@@ -5,11 +5,12 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 ARMHF_BUILD ?= build-armhf
+RELEASE_BUILD ?= build-release
 # Emulated tests mostly wait on each other's processes: run more than one per core.
 ARMHF_TEST_JOBS ?= 4
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test asan-test tsan-test armhf-test bench clean
+.PHONY: all deps build run test release-build asan-test tsan-test armhf-test bench test-share clean
 
 all: build
 
@@ -25,6 +26,15 @@ run: build
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# Release flags let the optimiser see more; warnings stay errors there too.
+release-build: deps
+	@cmake -S . -B $(RELEASE_BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(RELEASE_BUILD) -j $(JOBS)
+
+# Test lines against code lines; fails above the limit.
+test-share:
+	@scripts/test-share --check
 
 asan-test: deps
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCOMSERVER_SANITIZE=ON >/dev/null
@@ -60,4 +70,4 @@ bench: deps
 	@for b in $(BUILD)/bin/bench_*; do $$b; done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(ARMHF_BUILD)
+	rm -rf $(BUILD) $(RELEASE_BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(ARMHF_BUILD)

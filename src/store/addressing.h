@@ -28,13 +28,7 @@ void RegAddr_Add(DrvRegAddr& addr, int count);
 
 void simens_change(uint8_t* buf, int n);
 
-void int_to_char_bigending(uint8_t* out, uint32_t value);
-uint32_t char_to_int_bigending(const uint8_t* in);
-void short_to_char_bigending(uint8_t* out, uint16_t value);
-int char_to_short_bigending(const uint8_t* in);
-
 void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out);
-void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first);
 
 // Local bit n is bit n % 32 of little-endian word n / 32 of local_bit.
 // These do not take the segment semaphore. A bit outside the local bit area
@@ -42,9 +36,6 @@ void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first);
 uint32_t get_bit(int n);
 void set_bit(int n);
 void clear_bit(int n);
-
-int GetMin(int a, int b);
-int GetMax(int a, int b);
 
 // Driver families with special byte order handling.
 bool is_siemens_driver(int plc_driver_no);   // 1, 21, 169, 450, 452, 454, 456, 480, 510, 522, 550

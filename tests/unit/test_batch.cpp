@@ -1,5 +1,5 @@
-// Batch polling: batch searches, entry building and layout, and the
-// batch-class cycle and bat step against a fake driver.
+// Batch polling: batch searches, and the batch-class cycle and bat step
+// against a fake driver.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,7 +10,7 @@
 
 #include "port/batch.h"
 #include "port/port_thread.h"
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/opt_builder.h"
 
 using namespace table_test;
@@ -74,61 +74,6 @@ TEST(BatchSearch, LimitsAndExcludedKinds)
         EXPECT_EQ(foud_MQSC_bat_read_opt(ex.head, ex.tail, more, 236), 3) << id;
         EXPECT_FALSE(more);
     }
-}
-
-// The buffer a block read gives: register a holds a value mixing a, station
-// and kind; bit a is bit a % 3 of register a / 3.
-std::vector<uint8_t> expected_buffer(const REG_ADDR& r)
-{
-    std::vector<uint8_t> out(static_cast<size_t>(cal_commbuf_size(r)));
-    for (int i = 0; i < r.reg_data_width; ++i) {
-        const uint32_t a = static_cast<uint32_t>(r.reg_addr_start + i);
-        const uint32_t reg = r.reg_type == 0 ? a / 3 : a;
-        const uint32_t v = (reg * 2654435761u) ^ (uint32_t{r.plc_id} << 24) ^ (uint32_t{r.reg_id} << 16);
-        if (r.reg_type == 0)
-            out[i / 8] |= static_cast<uint8_t>(((v >> (a % 3)) & 1) << (i % 8));
-        else
-            std::memcpy(&out[static_cast<size_t>(i) * r.reg_type], &v, r.reg_type);
-    }
-    return out;
-}
-
-TEST(BatchEntries, BuildAndCopyRoundTripForEveryWidth)
-{
-    BlockList l;
-    l.add(1, 0, 7, 5, 13)->reg_addr.byte_offset = 9;
-    l.add(1, 1, 7, 10, 3);
-    l.add(2, 2, 8, 20, 2);
-    l.add(2, 4, 9, 30, 2);
-    l.add(2, 0, 9, 3, 40); // more bits than one entry carries
-
-    std::vector<OmronEntry> e(20);
-    ASSERT_EQ(build_OMRON_buff(l.head, e.data(), 5, 20), 1 + 3 + 2 + 2 + 1);
-    EXPECT_EQ(e[0].byte_offset, 9);
-    // Filled as a batch driver does: a bit entry takes up to 32 bits from its
-    // address on, other entries one register's value.
-    for (int i = 0; i < 9; ++i) {
-        std::vector<uint8_t> v = expected_buffer(make_rec(1, static_cast<uint8_t>(e[i].plc_id), e[i].reg_type, e[i].reg_id,
-                                                          static_cast<int32_t>(e[i].address),
-                                                          static_cast<int16_t>(e[i].reg_type == 0 ? e[i].count : 1)));
-        v.resize(4);
-        std::memcpy(e[i].value, v.data(), 4);
-    }
-    const OmronEntry* pos = e.data();
-    for (OPT_node* b = l.head->next; b != l.tail; b = b->next) {
-        std::vector<uint8_t> buf(64, 0xCC);
-        copy_data(b, pos, buf.data());
-        std::vector<uint8_t> want = expected_buffer(b->reg_addr);
-        for (size_t i = 4; b->reg_addr.reg_type == 0 && i < want.size(); ++i)
-            want[i] = 0; // beyond the 32 bits of the entry: cleared
-        EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + want.size()), want)
-            << "reg_type " << int(b->reg_addr.reg_type);
-        pos += block_entry_count(b);
-    }
-
-    // Only whole blocks: 1 + 3 fit 5, the two words would not.
-    EXPECT_EQ(build_OMRON_buff(l.head, e.data(), 5, 5), 4);
-    EXPECT_EQ(blocks_fitting(l.head->next, 5, 5), 2);
 }
 
 // What the fake driver was asked, one "K<n>:<station>:<address> " per call:
@@ -253,18 +198,6 @@ TEST_F(BatchPort, FailuresMarkCachesAndRegisterAgain)
         EXPECT_EQ(take_calls(), "G5:1:0 ");
         EXPECT_EQ(g->status, result == 2 ? 2 : 1);
     }
-}
-
-TEST_F(BatchPort, HundredBlocksRegisterAndReadInChunksEveryCycle)
-{
-    // Station 2's block follows the batch and is read on its own.
-    ORG_node* g = first_poll({{1, 2, 3, 0, 100}, {2, 2, 3, 0, 1}}, "G69:1:0 R69:1:0 G31:1:69 R31:1:69 S1:2:0 ")[0];
-    // Registered again in the next cycle; a failed first chunk goes on, a
-    // failed later one ends the cycle and marks the rest of the batch.
-    read_result = 3;
-    cycle();
-    EXPECT_EQ(take_calls(), "G69:1:0 R69:1:0 G31:1:69 R31:1:69 ");
-    EXPECT_EQ(g->status, 3);
 }
 
 TEST_F(BatchPort, ChunksEndAtBlockBoundariesAndWideBlocksReadSingly)

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/opt_builder.h"
 
 using namespace table_test;

@@ -2,10 +2,7 @@
 // on one thread, so they call the list operations without taking `mutex`.
 #include <gtest/gtest.h>
 
-#include <vector>
-
-#include "table_invariants.h"
-#include "tables/realtime_list.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
@@ -15,11 +12,8 @@ const rw_oper no_op{};
 
 class RealtimeList : public testing::Test {
 protected:
-    void SetUp() override { reset_area_tables(); TearDown(); }
-    void TearDown() override
-    {
-        while (RORT_link_head->next != RORT_link_tail) delete_realtime_link(RORT_link_head->next);
-    }
+    void SetUp() override { reset_tables(); }
+    void TearDown() override { reset_tables(); }
 
     // Queues a request as the client commands do; the list may free it at once.
     static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0, uint32_t owner = 0)
@@ -44,20 +38,6 @@ protected:
     static inline const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
     static inline RealtimeInsert last_insert{};
 };
-
-TEST_F(RealtimeList, NodeAllocation)
-{
-    RORT_node* n = new_realtime_node(-3);   // no data: still a one-byte buffer
-    ASSERT_NE(n, nullptr);
-    EXPECT_TRUE(n->data != nullptr && n->data_len == 0);
-    free_realtime_node(n);
-
-    n = new_realtime_node(5);
-    EXPECT_EQ(std::vector<uint8_t>(n->data, n->data + n->data_len), std::vector<uint8_t>(5, 0));
-    n->age = n->status = 3;
-    insert_realtime_link(n, a, 1);   // a queued node starts fresh
-    EXPECT_TRUE(n->age == 0 && n->status == 0 && n->req_type == 1 && reg_addr_equal(n->reg_addr, a));
-}
 
 TEST_F(RealtimeList, ChecksFindTheOwnersNewestRequest)
 {
@@ -93,7 +73,7 @@ TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2
     RORT_node* fresh = queue(a, 0, 0, 2);
     EXPECT_EQ(last_insert, RealtimeInsert::queued);
     EXPECT_EQ(find_read(2), fresh);
-    TearDown();
+    reset_tables();
 
     for (int i = 0; i < 2001; ++i) queue(make_rec(1, 1, 2, 3, i, 1), 1);
     queue(a, 0);
@@ -117,20 +97,6 @@ TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
     EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
     EXPECT_EQ(find_realtime_link(a, key, 0), rd);   // reads ignore the block
     EXPECT_EQ(find_realtime_link(a, key, 1), nullptr);
-}
-
-TEST_F(RealtimeList, CheckReturnsOldestPendingOfItsPort)
-{
-    queue(make_rec(1, 1, 2, 3, 0, 1), 0)->status = 1;
-    queue(make_rec(2, 1, 2, 3, 0, 1), 0);
-    RORT_node* pending = queue(make_rec(1, 1, 2, 3, 10, 1), 1);
-    RORT_node* later = queue(make_rec(1, 1, 2, 3, 20, 1), 0);
-    EXPECT_EQ(check_realtime_link(1), pending);
-    pending->status = 2;
-    EXPECT_EQ(check_realtime_link(1), later);
-    later->status = 3;
-    EXPECT_EQ(check_realtime_link(1), nullptr);
-    EXPECT_NE(check_realtime_link(2), nullptr);
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "port/refresh.h"
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/opt_builder.h"
 
 using namespace table_test;

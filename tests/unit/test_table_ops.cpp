@@ -4,7 +4,7 @@
 #include <random>
 #include <set>
 
-#include "table_invariants.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
@@ -38,34 +38,6 @@ protected:
 
     LocalBits bits;
 };
-
-TEST_F(TableOps, EveryChangeOfAGroupMarksItsArea)
-{
-    ORG_node* o = reg(area(1, 0));
-    reg(area(1, 5));
-    FAT_node* f = FAT_link_head->next;
-    EXPECT_EQ(f->change_state, 1);
-    f->change_state = 0;
-    o->age = 1;
-    EXPECT_EQ(reg(area(1, 0), false), o);   // found again, nothing touched
-    EXPECT_EQ(o->age, 1);
-    // Not registered, other flag, or an unknown area: ignored.
-    unreg(area(1, 7));
-    unreg(make_rec(1, 1, 2, 1, 5, 1, 1));
-    unreg(area(7, 5));
-    EXPECT_EQ(f->change_state, 0);
-    unreg(area(1, 0));
-    EXPECT_EQ(f->change_state, 1);
-    unreg(area(1, 5));   // emptied: parked on the ORG head
-    EXPECT_EQ(f->change_state, 2);
-    EXPECT_EQ(f->org_first, ORT_link_head);
-    unreg(area(1, 5));
-    EXPECT_EQ(f->change_state, 2);
-    ORG_node* back = reg(area(1, 3));   // refilled: the same FAT node
-    EXPECT_EQ(fat_count(), 1);
-    EXPECT_EQ(f->change_state, 1);
-    EXPECT_EQ(f->org_first, back);
-}
 
 TEST_F(TableOps, RangesByStartWidestFirstThenArrivalAreasByUnsignedKey)
 {
