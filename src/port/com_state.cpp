@@ -10,6 +10,7 @@
 #include "base/globals.h"
 #include "base/local_areas.h"
 #include "base/shm_sem.h"
+#include "driver/driver_traits.h"
 #include "port/refresh.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
