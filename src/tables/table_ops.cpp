@@ -5,7 +5,6 @@
 #include <ctime>
 #include <new>
 
-#include "store/addressing.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "base/port_config.h"
 #include "comclient.h"
 #include "rig.h"
-#include "server/port_config.h"
 #include "sim_control.h"
 
 namespace itest {

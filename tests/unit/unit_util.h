@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "driver/plc_abi.h"
 #include "port/com_state.h"
-#include "server/globals.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 #include "tables/table_ops.h"
 #include "tables/realtime_list.h"
 #include "tables/tables.h"
