@@ -43,6 +43,10 @@ TEST(Protocol, RepliesOnTheWire)
     EXPECT_EQ(check_sum(buf, 4), 0x01);
     EXPECT_EQ(check_sum(buf, 0), 0);
     EXPECT_EQ(check_sum(buf, -5), 0);
+    const std::vector<uint8_t> ff(1000, 0xff);  // n bytes of 0xff sum to -n modulo 256
+    EXPECT_EQ(check_sum(ff.data(), 31), 225);
+    EXPECT_EQ(check_sum(ff.data(), 33), 223);
+    EXPECT_EQ(check_sum(ff.data(), 1000), 24);
 }
 
 TEST(Protocol, SwappedReplyBeyondOldScratchSizeAndOversizedReplies)

@@ -18,7 +18,17 @@ protected:
     void SetUp() override { reset_area_tables(); TearDown(); }
     void TearDown() override
     {
-        while (RORT_link_head->next != RORT_link_tail) delete_realtime_link(RORT_link_head->next);
+        while (RORT_link_head->next != RORT_link_tail) collect_first();
+    }
+    static void collect_first()
+    {
+        std::lock_guard lock(mutex);
+        delete_realtime_link(RORT_link_head->next);
+    }
+    static RORT_node* find(const REG_ADDR& rec, const rw_oper& key, int type, uint32_t owner = 0)
+    {
+        std::lock_guard lock(mutex);
+        return find_realtime_link(rec, key, type, owner);
     }
 
     // Queues a request as the client commands do; the list may free it at once.
@@ -27,10 +37,10 @@ protected:
         RORT_node* n = new_realtime_node(cal_commbuf_size(rec));
         n->rw_oper.op_code = op;
         n->rw_oper.direction = 1;
-        last_insert = insert_realtime_link(n, rec, type, owner);
+        last_insert = queue_locked(n, rec, type, owner);
         return n;
     }
-    static RORT_node* find_read(uint32_t owner) { return find_realtime_link(a, no_op, 0, owner); }
+    static RORT_node* find_read(uint32_t owner) { return find(a, no_op, 0, owner); }
     // Nodes in the list, which must match the counter.
     static int queued()
     {
@@ -55,7 +65,7 @@ TEST_F(RealtimeList, NodeAllocation)
     n = new_realtime_node(5);
     EXPECT_EQ(std::vector<uint8_t>(n->data, n->data + n->data_len), std::vector<uint8_t>(5, 0));
     n->age = n->status = 3;
-    insert_realtime_link(n, a, 1);   // a queued node starts fresh
+    queue_locked(n, a, 1);   // a queued node starts fresh
     EXPECT_TRUE(n->age == 0 && n->status == 0 && n->req_type == 1 && reg_addr_equal(n->reg_addr, a));
 }
 
@@ -99,7 +109,7 @@ TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2
     queue(a, 0);
     EXPECT_EQ(last_insert, RealtimeInsert::refused);
     EXPECT_EQ(queued(), 2001);
-    delete_realtime_link(RORT_link_head->next);   // once one is collected there is room again
+    collect_first();   // once one is collected there is room again
     RORT_node* n = queue(a, 0);
     EXPECT_EQ(find_read(0), n);
 }
@@ -112,11 +122,11 @@ TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
     rw_oper key{};
     key.op_code = 5;
     key.direction = 9;   // only the first 16 bytes take part
-    EXPECT_EQ(find_realtime_link(a, key, 2), rmw);
+    EXPECT_EQ(find(a, key, 2), rmw);
     key.limit_low = 1;
-    EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
-    EXPECT_EQ(find_realtime_link(a, key, 0), rd);   // reads ignore the block
-    EXPECT_EQ(find_realtime_link(a, key, 1), nullptr);
+    EXPECT_EQ(find(a, key, 2), nullptr);
+    EXPECT_EQ(find(a, key, 0), rd);   // reads ignore the block
+    EXPECT_EQ(find(a, key, 1), nullptr);
 }
 
 TEST_F(RealtimeList, CheckReturnsOldestPendingOfItsPort)

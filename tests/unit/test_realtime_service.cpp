@@ -72,7 +72,7 @@ protected:
 
     static void clear_requests()
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard lock(mutex);
         while (RORT_link_head->next != RORT_link_tail)
             delete_realtime_link(RORT_link_head->next);
     }
@@ -97,7 +97,7 @@ protected:
         RORT_node* n = new_realtime_node(data_len >= 0 ? data_len : cal_commbuf_size(rec));
         std::copy_n(data.begin(), std::min<size_t>(data.size(), static_cast<size_t>(n->data_len)), n->data);
         n->rw_oper = rw;
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard lock(mutex);
         insert_realtime_link(n, rec, type);
         return n;
     }
@@ -119,7 +119,7 @@ TEST_F(RealtimeService, ReadRetriesAndLeavesCachesAlone)
 {
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     plc_mem[20] = 0x34;
     RORT_node* n = queue(rec, 0);
     read_results = {3, 0};
@@ -133,7 +133,7 @@ TEST_F(RealtimeService, WriteRefreshesCachesUnlessByteAddressedWordsOfWordOrderD
 {
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     auto siemens = port(450), plain = port(5);
 
     EXPECT_EQ(serve(*siemens, queue(rec, 1, {1, 2, 3, 4})), 1);
@@ -157,7 +157,7 @@ TEST_F(RealtimeService, PulseWritesOneThenZero)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
 
     // The first write fails: no resetting write, the cache already shows 1.
     write_results = {2};
@@ -180,7 +180,7 @@ TEST_F(RealtimeService, ReadModifyWrite)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     plc_mem[8] = 41;
 
     // A failed read: its status and no write.
@@ -201,7 +201,7 @@ TEST_F(RealtimeService, ReadModifyWrite)
     REG_ADDR split = make_rec(1, 3, 4, 7, 0, 2);
     split.addr_unit = 1;
     split.byte_offset = 2;
-    cached = insert_ORT_FAT(split).org;
+    cached = reg_range(split).org;
     const Bytes cells{0xEE, 0xEE, 0x00, 0x00, 0x05, 0x00, 0xEE, 0xEE};
     for (const auto& [driver, sent] : {std::pair{450, Bytes{6, 0, 0, 0}}, std::pair{38, Bytes{1, 0, 5, 0}}}) {
         std::copy(cells.begin(), cells.end(), plc_mem);
@@ -261,8 +261,8 @@ TEST_F(RealtimeService, UnusableDriverFailsItsRequestsAndFreesEmptiedAreas)
         mine.push_back(queue(make_rec(1, 3, 2, 7, i, 1), i % 3, {}, op(5)));
     RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
     const REG_ADDR range = make_rec(1, 3, 2, 7, 0, 4);
-    insert_ORT_FAT(range);
-    unregister_ORT_FAT(range);   // its area is left empty, waiting for the port
+    reg_range(range);
+    unreg_range(range);   // its area is left empty, waiting for the port
     port_idle_cycle(*t);
     for (RORT_node* n : mine)
         EXPECT_EQ(n->status, 3);

@@ -37,11 +37,11 @@ protected:
 
 TEST_F(Sweeper, UnreadRangesAreDeletedByTheThirdSweep)
 {
-    insert_ORT_FAT(make_rec(1, 2, 2, 3, 0, 10));   // never read
-    ORG_node* read = insert_ORT_FAT(make_rec(1, 2, 2, 4, 0, 10)).org;
+    reg_range(make_rec(1, 2, 2, 3, 0, 10));   // never read
+    ORG_node* read = reg_range(make_rec(1, 2, 2, 4, 0, 10)).org;
     FAT_node* fat = FAT_link_head->next;
     EXPECT_EQ(sweep(), "");
-    EXPECT_FALSE(insert_ORT_FAT(make_rec(1, 2, 2, 3, 0, 10)).created);   // not a read
+    EXPECT_FALSE(reg_range(make_rec(1, 2, 2, 3, 0, 10)).created);   // not a read
     EXPECT_EQ(sweep({read}), "");
     EXPECT_EQ(sweep({read}), " service: delete ort\n");   // the third sweep
     EXPECT_EQ(fat->change_state, 2);
@@ -49,10 +49,10 @@ TEST_F(Sweeper, UnreadRangesAreDeletedByTheThirdSweep)
 
     // A whole area swept at once parks its FAT node behind the previous group.
     reset_area_tables();
-    ORG_node* a = insert_ORT_FAT(make_rec(1, 1, 2, 1, 0, 4)).org;
-    insert_ORT_FAT(make_rec(1, 2, 2, 1, 0, 4));
-    insert_ORT_FAT(make_rec(1, 2, 2, 1, 8, 4));
-    ORG_node* c = insert_ORT_FAT(make_rec(1, 3, 2, 1, 0, 4)).org;
+    ORG_node* a = reg_range(make_rec(1, 1, 2, 1, 0, 4)).org;
+    reg_range(make_rec(1, 2, 2, 1, 0, 4));
+    reg_range(make_rec(1, 2, 2, 1, 8, 4));
+    ORG_node* c = reg_range(make_rec(1, 3, 2, 1, 0, 4)).org;
     FAT_node* b_fat = FAT_link_head->next->next;
     EXPECT_EQ(sweep({a, c}) + sweep({a, c}) + sweep({a, c}), " service: delete ort\n service: delete ort\n");
     EXPECT_EQ(b_fat->change_state, 2);
@@ -64,10 +64,10 @@ TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStayWhileAThreadServesThem)
 {
     port_threads[1] = true;   // port 9 has no thread
     for (int status : {0, 1, 2}) {   // one thread: no need for `mutex`
-        insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
+        queue_locked(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
         RORT_link_tail->prev->status = static_cast<int16_t>(status);
     }
-    insert_realtime_link(new_realtime_node(2), make_rec(9, 1, 2, 1, 0, 1), 0);
+    queue_locked(new_realtime_node(2), make_rec(9, 1, 2, 1, 0, 1), 0);
     RORT_node* pending = RORT_link_head->next;
     for (int i = 1; i <= 3; ++i) {
         EXPECT_EQ(sweep(), "");
@@ -79,7 +79,7 @@ TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStayWhileAThreadServesThem)
     EXPECT_TRUE(real_link_len == 1 && pending->age == 0);
 
     // A done request retired by a newer one of its owner goes at the next sweep.
-    insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, 0, 1), 0);
+    queue_locked(new_realtime_node(2), make_rec(1, 1, 2, 1, 0, 1), 0);
     pending->status = 1;
     sweep();
     EXPECT_EQ(real_link_len, 1);
@@ -88,7 +88,7 @@ TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStayWhileAThreadServesThem)
 
 TEST_F(Sweeper, DumpFormats)
 {
-    insert_ORT_FAT(make_rec(200, 2, 0, 250, -7, 3)).org->status = 3;
+    reg_range(make_rec(200, 2, 0, 250, -7, 3)).org->status = 3;
     OPT_node head{}, tail{}, block{};
     block.reg_addr = make_rec(3, 4, 1, 5, 64, 32);
     head.next = tail.prev = &block;
