@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "server/globals.h"
-#include "server/paths.h"
-#include "server/shm_sem.h"
+#include "base/globals.h"
+#include "base/paths.h"
+#include "base/shm_sem.h"
 
 namespace {
 

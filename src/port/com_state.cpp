@@ -7,12 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/byte_order.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
+#include "base/shm_sem.h"
 #include "port/refresh.h"
-#include "server/globals.h"
-#include "server/shm_sem.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
-#include "store/local_areas.h"
 
 namespace {
 

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/byte_order.h"
 #include "port/com_state.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"

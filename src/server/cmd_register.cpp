@@ -2,8 +2,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/globals.h"
 #include "server/commands.h"
-#include "server/globals.h"
 #include "store/addressing.h"
 #include "tables/table_ops.h"
 

@@ -11,8 +11,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/globals.h"
 #include "server/commands.h"
-#include "server/globals.h"
 #include "server/reply_data.h"
 #include "tables/realtime_list.h"
 

@@ -9,7 +9,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "server/paths.h"
+#include "base/byte_order.h"
+#include "base/paths.h"
 #include "store/addressing.h"
 
 namespace {

@@ -1,7 +1,4 @@
 // List sentinels, the two table locks and the table flags.
-#include <cstring>
-
-#include "store/addressing.h"
 #include "tables/tables.h"
 
 FAT_node* FAT_link_head = nullptr;
@@ -14,11 +11,6 @@ int32_t real_link_len = 0;
 
 lock_rules::TablesLock rwlock;
 lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
-
-bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b)
-{
-    return std::memcmp(&a, &b, sizeof(REG_ADDR)) == 0;
-}
 
 void links_init()
 {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "server/globals.h"
+#include "base/globals.h"
 #include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "base/lock_rules.h"
-#include "store/addressing.h"
 
 namespace {
 

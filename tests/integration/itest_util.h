@@ -13,9 +13,9 @@
 #include <sys/shm.h>
 #include <vector>
 
+#include "base/port_config.h"
 #include "comclient.h"
 #include "rig.h"
-#include "server/port_config.h"
 #include "sim_control.h"
 
 namespace itest {

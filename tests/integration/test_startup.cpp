@@ -13,8 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/port_config.h"
 #include "rig.h"
-#include "server/port_config.h"
 
 using namespace std::chrono_literals;
 

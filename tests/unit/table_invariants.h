@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "server/globals.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 #include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 #include "tables/tables.h"

@@ -5,9 +5,10 @@
 #include <tuple>
 #include <vector>
 
-#include "server/globals.h"
+#include "base/byte_order.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <tuple>
 #include <vector>
 
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "port/com_state.h"
-#include "server/globals.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
-#include "store/local_areas.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <numeric>
 #include <shared_mutex>
 
+#include "base/local_areas.h"
 #include "port/com_state.h"
 #include "server/commands.h"
-#include "store/local_areas.h"
 #include "table_invariants.h"
 #include "tables/realtime_list.h"
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "server/globals.h"
-#include "store/local_areas.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "store/local_mem.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "server/protocol.h"
+#include "base/protocol.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "server/shm_sem.h"
+#include "base/shm_sem.h"
 
 #include <cerrno>
 #include <sys/sem.h>

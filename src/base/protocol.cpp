@@ -1,9 +1,9 @@
 // Packet builders and fixed status packets of the client protocol.
-#include "server/protocol.h"
+#include "base/protocol.h"
 
 #include <cstring>
 
-#include "store/addressing.h"
+#include "base/byte_order.h"
 
 const uint8_t head[10] = {0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
