@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <sys/sem.h>
 
+#include "base/lock_rules.h"
+
 namespace {
 
 void sem_step(int semid, short op)
@@ -20,5 +22,15 @@ void sem_step(int semid, short op)
 
 } // namespace
 
-void shm_sem_take(int semid) { sem_step(semid, -1); }
-void shm_sem_give(int semid) { sem_step(semid, +1); }
+void shm_sem_take(int semid)
+{
+    lock_rules::taking(lock_rules::SEGMENT);
+    sem_step(semid, -1);
+    lock_rules::taken(lock_rules::SEGMENT);
+}
+
+void shm_sem_give(int semid)
+{
+    lock_rules::released(lock_rules::SEGMENT);
+    sem_step(semid, +1);
+}

@@ -9,8 +9,8 @@ RORT_node* RORT_link_head = nullptr;
 RORT_node* RORT_link_tail = nullptr;
 int32_t real_link_len = 0;
 
-std::shared_mutex rwlock;
-std::mutex mutex;
+lock_rules::TablesLock rwlock;
+lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
 
 void links_init()
 {

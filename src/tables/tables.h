@@ -3,11 +3,13 @@
 // OPT (one per poll block, per port thread) and RORT (one per realtime request).
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <shared_mutex>
 
+#include "base/lock_rules.h"
 #include "base/reg_addr.h"
 
 struct ORG_node;
@@ -26,7 +28,10 @@ struct FAT_node {
 };
 
 struct ORG_node {
-    int16_t age;
+    // Sweeps since the range was last read. Cached reads reset it holding
+    // rwlock only for reading, many at once, hence atomic; the sweeper ages
+    // it holding rwlock for writing.
+    std::atomic<int16_t> age;
     int16_t status;         // 0 none yet, 1 valid, 2 no answer, 3 failed
     int16_t part_status;
     REG_ADDR reg_addr;
@@ -67,9 +72,10 @@ extern RORT_node* RORT_link_tail;
 extern int32_t real_link_len;
 
 // rwlock guards FAT, ORG (and caches) and each OPT list while it is rebuilt;
-// mutex guards the RORT list and its nodes. Never hold both at once.
-extern std::shared_mutex rwlock;
-extern std::mutex mutex;
+// mutex guards the RORT list and its nodes. Never hold both at once (checked
+// in debug builds, see base/lock_rules.h).
+extern lock_rules::TablesLock rwlock;
+extern lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
 
 void links_init();
 

@@ -139,7 +139,7 @@ protected:
         r.addr_unit = g.type == 0 ? 1 : g.type; // element addresses, as after normalisation
         return r;
     }
-    static ORG_node* reg(const Range& g) { return insert_ORT_FAT(rec(g)).org; }
+    static ORG_node* reg(const Range& g) { return reg_range(rec(g)).org; }
 
     // One port cycle from the block rebuild on: the batch-class path, or the
     // bat/opto step (true when it ended the cycle).
@@ -247,8 +247,8 @@ TEST_F(BatchPort, BatStepReadsOncePerPassThenSingles)
     EXPECT_EQ(take_calls(), "G4:1:0 R4:1:0 R4:1:0 R4:1:0 G4:1:0 R4:1:0 ");
 
     // No blocks left: the change is taken without a registration.
-    unregister_ORT_FAT(rec({1, 2, 3, 0, 4}));
-    unregister_ORT_FAT(rec({1, 2, 131, 0, 2}));
+    unreg_range(rec({1, 2, 3, 0, 4}));
+    unreg_range(rec({1, 2, 131, 0, 2}));
     EXPECT_FALSE(cycle(true));
     EXPECT_EQ(take_calls(), "");
     EXPECT_FALSE(t->blocks_changed);

@@ -24,7 +24,7 @@ protected:
     }
     void TearDown() override { opt_list_free(head, tail); reset_area_tables(); }
 
-    static void reg(const REG_ADDR& r) { ASSERT_NE(insert_ORT_FAT(r).org, nullptr); }
+    static void reg(const REG_ADDR& r) { ASSERT_NE(reg_range(r).org, nullptr); }
     static REG_ADDR word(uint8_t id, int32_t start, int16_t width) { return make_rec(1, 1, 2, id, start, width); }
 
     // Blocks of the list as "start-end<first range start/width>".
@@ -49,6 +49,7 @@ protected:
         SetUp();
         for (const Range& r : ranges)
             reg(word(3, r.start, r.width));
+        std::unique_lock lock(rwlock);
         build_OPT_area(FAT_link_head->next, head, len, gap);
         EXPECT_EQ(FAT_link_head->next->opt_first, head->next);
     }
@@ -91,7 +92,10 @@ TEST_F(OptBuilder, MergesRangesIntoBlocks)
     r.rec_tag = 5;
     r.addr_unit = 1;
     reg(r);
-    build_OPT_area(FAT_link_head->next, head, 64, 0);
+    {
+        std::unique_lock lock(rwlock);
+        build_OPT_area(FAT_link_head->next, head, 64, 0);
+    }
     r.rec_tag = r.addr_unit = r.bcd_flag = 0;
     EXPECT_TRUE(reg_addr_equal(head->next->reg_addr, r));
 }
@@ -140,7 +144,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     pass(1);
 
     // The cursor advances onto A's only block; A goes, the cursor moves on.
-    unregister_ORT_FAT(word(1, 0, 10));
+    unreg_range(word(1, 0, 10));
     cursor = head;
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head->next);
@@ -155,7 +159,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     // The cursor advances onto the last area's block as that area goes:
     // nothing follows, so it parks on the head.
     cursor = nth_block(2);
-    unregister_ORT_FAT(word(3, 0, 10));
+    unreg_range(word(3, 0, 10));
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head);
     EXPECT_EQ(key_of(tail->prev->reg_addr), key_of(1, 1, 2, 2));
@@ -165,14 +169,14 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
 TEST_F(OptBuilder, EmptiedAndRefilledAreaIsRebuiltNotDeleted)
 {
     reg(word(1, 0, 10));
-    unregister_ORT_FAT(word(1, 0, 10));   // emptied before any pass: never had blocks
+    unreg_range(word(1, 0, 10));   // emptied before any pass: never had blocks
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(fat_count(), 0);
     EXPECT_EQ(head->next, tail);
 
     reg(word(1, 0, 10));
     pass(1);
-    unregister_ORT_FAT(word(1, 0, 10));
+    unreg_range(word(1, 0, 10));
     reg(word(1, 20, 4));   // refilled: change_state back to 1
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(blocks(), Blocks{"20-24<20/4>"});

@@ -14,6 +14,17 @@ using Bytes = std::vector<uint8_t>;
 
 Bytes bytes(const uint8_t* p, size_t n) { return {p, p + n}; }
 
+TEST(Protocol, ChecksumWrapsAcrossLanes)
+{
+    const uint8_t buf[] = {0xff, 0x02, 0x80, 0x80};  // the sum wraps; no bytes sum to 0
+    EXPECT_EQ(check_sum(buf, 4), 0x01);
+    EXPECT_EQ(check_sum(buf, -5), 0);
+    const std::vector<uint8_t> ff(1000, 0xff);  // n bytes of 0xff sum to -n modulo 256
+    EXPECT_EQ(check_sum(ff.data(), 31), 225);
+    EXPECT_EQ(check_sum(ff.data(), 33), 223);
+    EXPECT_EQ(check_sum(ff.data(), 1000), 24);
+}
+
 TEST(Protocol, SwappedReplyBeyondOldScratchSizeAndOversizedReplies)
 {
     std::array<uint8_t, PACKET_BUF_SIZE> out{};

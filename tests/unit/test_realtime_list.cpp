@@ -14,6 +14,16 @@ class RealtimeList : public testing::Test {
 protected:
     void SetUp() override { reset_tables(); }
     void TearDown() override { reset_tables(); }
+    static void collect_first()
+    {
+        std::lock_guard lock(mutex);
+        delete_realtime_link(RORT_link_head->next);
+    }
+    static RORT_node* find(const REG_ADDR& rec, const rw_oper& key, int type, uint32_t owner = 0)
+    {
+        std::lock_guard lock(mutex);
+        return find_realtime_link(rec, key, type, owner);
+    }
 
     // Queues a request as the client commands do; the list may free it at once.
     static RORT_node* queue(const REG_ADDR& rec, int type, int32_t op = 0, uint32_t owner = 0)
@@ -21,10 +31,10 @@ protected:
         RORT_node* n = new_realtime_node(cal_commbuf_size(rec));
         n->rw_oper.op_code = op;
         n->rw_oper.direction = 1;
-        last_insert = insert_realtime_link(n, rec, type, owner);
+        last_insert = queue_locked(n, rec, type, owner);
         return n;
     }
-    static RORT_node* find_read(uint32_t owner) { return find_realtime_link(a, no_op, 0, owner); }
+    static RORT_node* find_read(uint32_t owner) { return find(a, no_op, 0, owner); }
     // Nodes in the list, which must match the counter.
     static int queued()
     {
@@ -79,7 +89,7 @@ TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2
     queue(a, 0);
     EXPECT_EQ(last_insert, RealtimeInsert::refused);
     EXPECT_EQ(queued(), 2001);
-    delete_realtime_link(RORT_link_head->next);   // once one is collected there is room again
+    collect_first();   // once one is collected there is room again
     RORT_node* n = queue(a, 0);
     EXPECT_EQ(find_read(0), n);
 }
@@ -92,11 +102,11 @@ TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
     rw_oper key{};
     key.op_code = 5;
     key.direction = 9;   // only the first 16 bytes take part
-    EXPECT_EQ(find_realtime_link(a, key, 2), rmw);
+    EXPECT_EQ(find(a, key, 2), rmw);
     key.limit_low = 1;
-    EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
-    EXPECT_EQ(find_realtime_link(a, key, 0), rd);   // reads ignore the block
-    EXPECT_EQ(find_realtime_link(a, key, 1), nullptr);
+    EXPECT_EQ(find(a, key, 2), nullptr);
+    EXPECT_EQ(find(a, key, 0), rd);   // reads ignore the block
+    EXPECT_EQ(find(a, key, 1), nullptr);
 }
 
 } // namespace

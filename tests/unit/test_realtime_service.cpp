@@ -66,7 +66,7 @@ TEST_F(RealtimeService, WriteRefreshesCachesUnlessByteAddressedWordsOfWordOrderD
 {
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     auto siemens = port(450), plain = port(5);
 
     EXPECT_EQ(serve(*siemens, queue(rec, 1, {1, 2, 3, 4})), 1);
@@ -90,7 +90,7 @@ TEST_F(RealtimeService, PulseWritesOneThenZero)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
 
     // The first write fails: no resetting write, the cache already shows 1.
     plc.write_results = {2};
@@ -113,7 +113,7 @@ TEST_F(RealtimeService, ReadModifyWrite)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     plc.mem[8] = 41;
 
     // A failed read: its status and no write.
@@ -134,7 +134,7 @@ TEST_F(RealtimeService, ReadModifyWrite)
     REG_ADDR split = make_rec(1, 3, 4, 7, 0, 2);
     split.addr_unit = 1;
     split.byte_offset = 2;
-    cached = insert_ORT_FAT(split).org;
+    cached = reg_range(split).org;
     const Bytes cells{0xEE, 0xEE, 0x00, 0x00, 0x05, 0x00, 0xEE, 0xEE};
     for (const auto& [driver, sent] : {std::pair{450, Bytes{6, 0, 0, 0}}, std::pair{38, Bytes{1, 0, 5, 0}}}) {
         std::copy(cells.begin(), cells.end(), plc.mem);
@@ -194,8 +194,8 @@ TEST_F(RealtimeService, UnusableDriverFailsItsRequestsAndFreesEmptiedAreas)
         mine.push_back(queue(make_rec(1, 3, 2, 7, i, 1), i % 3, {}, op(5)));
     RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
     const REG_ADDR range = make_rec(1, 3, 2, 7, 0, 4);
-    insert_ORT_FAT(range);
-    unregister_ORT_FAT(range);   // its area is left empty, waiting for the port
+    reg_range(range);
+    unreg_range(range);   // its area is left empty, waiting for the port
     port_idle_cycle(*t);
     for (RORT_node* n : mine)
         EXPECT_EQ(n->status, 3);

@@ -20,7 +20,7 @@ protected:
     void SetUp() override { reset_area_tables(); opt_list_init(head, tail); }
     void TearDown() override { opt_list_free(head, tail); reset_area_tables(); }
 
-    static ORG_node* reg(const REG_ADDR& r) { return insert_ORT_FAT(r).org; }
+    static ORG_node* reg(const REG_ADDR& r) { return reg_range(r).org; }
     static Bytes counting(const OPT_node& b, uint8_t from = 1)
     {
         Bytes v(static_cast<size_t>(std::max<int>(1, cal_commbuf_size(b.reg_addr))));
@@ -149,7 +149,7 @@ TEST_F(Refresh, OneRegisterRefreshSkipsAreasAwaitingRebuild)
     // The block's first range is freed before the pass: nothing is touched
     // (ASan would report a use after free).
     rebuild(1, 0, 2);
-    unregister_ORT_FAT(head->next->org->reg_addr);
+    unreg_range(head->next->org->reg_addr);
     refresh_ORG_buff_omron(head->next, w, 1);
     EXPECT_TRUE(tables_consistent());
 }

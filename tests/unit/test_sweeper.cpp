@@ -31,10 +31,10 @@ TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStayWhileAThreadServesThem)
 {
     port_threads[1] = true;   // port 9 has no thread
     for (int status : {0, 1, 2}) {   // one thread: no need for `mutex`
-        insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
+        queue_locked(new_realtime_node(2), make_rec(1, 1, 2, 1, status, 1), 0);
         RORT_link_tail->prev->status = static_cast<int16_t>(status);
     }
-    insert_realtime_link(new_realtime_node(2), make_rec(9, 1, 2, 1, 0, 1), 0);
+    queue_locked(new_realtime_node(2), make_rec(9, 1, 2, 1, 0, 1), 0);
     RORT_node* pending = RORT_link_head->next;
     for (int i = 1; i <= 3; ++i) {
         EXPECT_EQ(sweep(), "");
@@ -46,7 +46,7 @@ TEST_F(Sweeper, CompletedRequestsAgeAndGoPendingOnesStayWhileAThreadServesThem)
     EXPECT_TRUE(real_link_len == 1 && pending->age == 0);
 
     // A done request retired by a newer one of its owner goes at the next sweep.
-    insert_realtime_link(new_realtime_node(2), make_rec(1, 1, 2, 1, 0, 1), 0);
+    queue_locked(new_realtime_node(2), make_rec(1, 1, 2, 1, 0, 1), 0);
     pending->status = 1;
     sweep();
     EXPECT_EQ(real_link_len, 1);

@@ -19,7 +19,7 @@ protected:
 
     ORG_node* reg(const REG_ADDR& r, bool expect_created = true)
     {
-        OrtFatResult res = insert_ORT_FAT(r);
+        OrtFatResult res = reg_range(r);
         EXPECT_NE(res.org, nullptr);
         EXPECT_EQ(res.created, expect_created);
         EXPECT_TRUE(tables_consistent());
@@ -27,7 +27,7 @@ protected:
     }
     void unreg(const REG_ADDR& r)
     {
-        unregister_ORT_FAT(r);
+        unreg_range(r);
         EXPECT_TRUE(tables_consistent());
     }
     // A range of area (1, plc, 2, id).
@@ -116,12 +116,12 @@ TEST_F(TableOps, RandomSequencesKeepEveryInvariant)
             const std::string key(reinterpret_cast<const char*>(&r), sizeof r);
             const int op = pick(10);
             if (op < ((step / phase) % 2 == 0 ? 6 : 3)) {   // filling and draining phases
-                OrtFatResult res = insert_ORT_FAT(r);
+                OrtFatResult res = reg_range(r);
                 ASSERT_NE(res.org, nullptr);
                 ASSERT_EQ(res.created, model.insert(key).second) << "step " << step;
                 ASSERT_TRUE(reg_addr_equal(res.org->reg_addr, r));
             } else if (op < 9) {
-                unregister_ORT_FAT(r);
+                unreg_range(r);
                 model.erase(key);
             } else {
                 for (FAT_node *f = FAT_link_head->next, *next; f != FAT_link_tail; f = next) {

@@ -20,6 +20,7 @@
 #include "driver/plc_abi.h"
 #include "port/com_state.h"
 #include "store/addressing.h"
+#include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 #include "tables/realtime_list.h"
 #include "tables/tables.h"
@@ -134,6 +135,7 @@ inline void reset_area_tables()
 {
     if (FAT_link_head == nullptr)
         return links_init();
+    std::unique_lock lock(rwlock);
     while (ORT_link_head->next != ORT_link_tail)
         delete_ORG(ORT_link_head->next);
     while (FAT_link_head->next != FAT_link_tail) {
@@ -203,6 +205,24 @@ inline Bytes data_reply(uint8_t cmd, Bytes data)
 {
     data.insert(data.begin(), {cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)});
     return packet(data);
+}
+
+// The table and list operations check in debug builds that their caller
+// holds the lock they need; tests call them through these.
+inline OrtFatResult reg_range(const REG_ADDR& r)
+{
+    std::unique_lock lock(rwlock);
+    return insert_ORT_FAT(r);
+}
+inline void unreg_range(const REG_ADDR& r)
+{
+    std::unique_lock lock(rwlock);
+    unregister_ORT_FAT(r);
+}
+inline RealtimeInsert queue_locked(RORT_node* n, const REG_ADDR& r, int req_type, uint32_t owner = 0)
+{
+    std::lock_guard lock(mutex);
+    return insert_realtime_link(n, r, req_type, owner);
 }
 
 // Points the global local bit area at a zeroed buffer for the test's life.
