@@ -8,9 +8,13 @@ ARMHF_BUILD ?= build-armhf
 RELEASE_BUILD ?= build-release
 # Emulated tests mostly wait on each other's processes: run more than one per core.
 ARMHF_TEST_JOBS ?= 4
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+SOAK_CLIENTS ?= 200
+SOAK_SECONDS ?= 600
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test release-build asan-test tsan-test armhf-test bench test-share clean
+.PHONY: all deps build run test release-build asan-test tsan-test armhf-test bench fuzz soak test-share clean
 
 all: build
 
@@ -69,5 +73,19 @@ bench: deps
 	@cmake --build $(BUILD) -j $(JOBS)
 	@for b in $(BUILD)/bin/bench_*; do $$b; done
 
+# libFuzzer targets (clang, ASan + UBSan), each run for FUZZ_SECONDS.
+fuzz: deps
+	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOMSERVER_FUZZ=ON \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets
+	scripts/fuzz $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# Soak run, not part of make test: SOAK_CLIENTS clients for SOAK_SECONDS
+# against comhost + comserver with simulated ports (docs/benchmarks.md).
+soak: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOMSERVER_BENCH=ON >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS) --target soak
+	$(BUILD)/bin/soak --clients $(SOAK_CLIENTS) --seconds $(SOAK_SECONDS)
+
 clean:
-	rm -rf $(BUILD) $(RELEASE_BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(ARMHF_BUILD)
+	rm -rf $(BUILD) $(RELEASE_BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(ARMHF_BUILD) $(FUZZ_BUILD)

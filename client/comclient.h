@@ -71,6 +71,11 @@ struct RegAddr {
 // Data bytes of count elements of the given width (bits packed LSB first).
 size_t data_size(uint8_t type, int count);
 
+// Little-endian unsigned integers of 1 to 4 bytes, as the server's buffers
+// hold register values.
+uint32_t load_le(const uint8_t* p, size_t width);
+void store_le(uint8_t* p, size_t width, uint32_t v);
+
 // The 24-byte read-modify-write block: six little-endian 32-bit fields.
 // For value types 2 and 3 step, high and low hold IEEE single floats; use
 // float_bits() to fill them.
@@ -214,6 +219,21 @@ public:
     Reply writecheck(const RegAddr& rec);
     Reply realtime_rw(const RegAddr& rec, const RwOper& op, RwForm form = RwForm::full);
     Reply realtime_rw_check(const RegAddr& rec, const RwOper& op, RwForm form = RwForm::full);
+
+    // Pipelining: sends several whole packets (concatenated in `packets`)
+    // and returns the `replies` replies to them, in order. Sending and
+    // receiving interleave, so a long batch never stalls on full socket
+    // buffers. Every packet must get a reply (no unknown commands, no
+    // records naming no area). The time-out bounds each silence, not the
+    // whole batch.
+    std::vector<Reply> request_all(std::span<const uint8_t> packets, size_t replies);
+
+    // write (5); a PLC write that the server queued is then checked with
+    // writecheck (7) every `interval` until its outcome is known or `wait`
+    // has passed. Returns the last reply: ok for a done write (either
+    // command), err 2 or 3 for a failed one, pending() when time ran out.
+    Reply write_and_check(const RegAddr& rec, std::span<const uint8_t> data, std::chrono::milliseconds wait,
+                          std::chrono::milliseconds interval);
 
     // Raw access for tests of the server's framing: send any bytes; receive
     // whatever arrives within the time-out (one receive of at most max bytes).

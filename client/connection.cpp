@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "comclient.h"
 
@@ -322,6 +323,89 @@ Reply Client::realtime_rw(const RegAddr& rec, const RwOper& op, RwForm form)
 Reply Client::realtime_rw_check(const RegAddr& rec, const RwOper& op, RwForm form)
 {
     return request(encode_rw(Command::realtime_rw_check, rec, op, form));
+}
+
+namespace {
+
+// Splits whole packets off the front of `in` (header, then package_len
+// bytes) and appends their parsed replies to `out`.
+void take_replies(std::vector<uint8_t>& in, std::vector<Reply>& out)
+{
+    size_t at = 0;
+    while (in.size() - at >= kHeaderSize) {
+        size_t len = in[at + 8] | (in[at + 9] << 8);
+        if (len < 2 || kHeaderSize + len > kMaxPacket)
+            throw Error(ErrorKind::malformed, "malformed reply: package_len " + std::to_string(len));
+        if (in.size() - at < kHeaderSize + len)
+            break;
+        out.push_back(parse_reply(std::span(in).subspan(at, kHeaderSize + len)));
+        at += kHeaderSize + len;
+    }
+    in.erase(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(at));
+}
+
+}  // namespace
+
+std::vector<Reply> Client::request_all(std::span<const uint8_t> packets, size_t replies)
+{
+    if (fd_ < 0)
+        throw Error(ErrorKind::closed, "not connected");
+    std::vector<Reply> out;
+    out.reserve(replies);
+    std::vector<uint8_t> in;
+    std::vector<uint8_t> chunk(64 * 1024);
+    size_t sent = 0;
+    auto deadline = Clock::now() + timeout_;
+    while (out.size() < replies) {
+        pollfd p{fd_, static_cast<short>(POLLIN | (sent < packets.size() ? POLLOUT : 0)), 0};
+        int rc = poll(&p, 1, remaining_ms(deadline));
+        if (rc < 0 && errno != EINTR)
+            throw Error(ErrorKind::io, errno_text("poll"));
+        if (rc == 0)
+            throw Error(ErrorKind::timeout, "no reply within " + std::to_string(timeout_.count()) + " ms");
+        if (rc < 0)
+            continue;
+        if (p.revents & POLLOUT) {
+            ssize_t n = ::send(fd_, packets.data() + sent, packets.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
+                throw Error(errno == EPIPE || errno == ECONNRESET ? ErrorKind::closed : ErrorKind::io,
+                            errno_text("send"));
+            if (n > 0)
+                sent += static_cast<size_t>(n);
+        }
+        if (p.revents & (POLLIN | POLLHUP | POLLERR)) {
+            ssize_t n = ::recv(fd_, chunk.data(), chunk.size(), MSG_DONTWAIT);
+            if (n == 0 || (n < 0 && errno == ECONNRESET))
+                throw Error(ErrorKind::closed, "connection closed by the server");
+            if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
+                throw Error(ErrorKind::io, errno_text("recv"));
+            if (n > 0) {
+                // The server sends each reply on its own; with Nagle on its
+                // side, the next replies wait for our ACK, so acknowledge at
+                // once instead of after the delayed-ACK pause.
+                int one = 1;
+                setsockopt(fd_, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
+                in.insert(in.end(), chunk.begin(), chunk.begin() + n);
+                take_replies(in, out);
+                deadline = Clock::now() + timeout_;
+            }
+        }
+    }
+    if (out.size() > replies || !in.empty())
+        throw Error(ErrorKind::malformed, "more replies than requests");
+    return out;
+}
+
+Reply Client::write_and_check(const RegAddr& rec, std::span<const uint8_t> data, milliseconds wait,
+                              milliseconds interval)
+{
+    Reply r = write(rec, data);
+    auto deadline = Clock::now() + wait;
+    while (r.pending() && Clock::now() < deadline) {
+        std::this_thread::sleep_for(interval);
+        r = writecheck(rec);
+    }
+    return r;
 }
 
 }  // namespace comclient

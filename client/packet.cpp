@@ -7,28 +7,40 @@
 
 namespace comclient {
 
+uint32_t load_le(const uint8_t* p, size_t width)
+{
+    uint32_t v = 0;
+    for (size_t i = 0; i < width; ++i)
+        v |= uint32_t(p[i]) << (8 * i);
+    return v;
+}
+
+void store_le(uint8_t* p, size_t width, uint32_t v)
+{
+    for (size_t i = 0; i < width; ++i)
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
 namespace {
 
 void put_u16(uint8_t* p, uint16_t v)
 {
-    p[0] = static_cast<uint8_t>(v & 0xff);
-    p[1] = static_cast<uint8_t>(v >> 8);
+    store_le(p, 2, v);
 }
 
 void put_u32(uint8_t* p, uint32_t v)
 {
-    for (int i = 0; i < 4; ++i)
-        p[i] = static_cast<uint8_t>(v >> (8 * i));
+    store_le(p, 4, v);
 }
 
 uint16_t get_u16(const uint8_t* p)
 {
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+    return static_cast<uint16_t>(load_le(p, 2));
 }
 
 uint32_t get_u32(const uint8_t* p)
 {
-    return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
+    return load_le(p, 4);
 }
 
 [[noreturn]] void malformed(const std::string& what)

@@ -1,5 +1,6 @@
 // Commands 1 and 2: register and unregister ranges for cyclic polling.
 #include <cstring>
+#include <limits>
 #include <mutex>
 
 #include "base/globals.h"
@@ -35,7 +36,9 @@ bool prepare_record(Connection& c, const uint8_t* rec_bytes)
 
 bool range_pollable(const REG_ADDR& rec)
 {
-    if (rec.reg_data_width < 1) {
+    // Block starts and ends are register numbers: the range's end must be one too.
+    if (rec.reg_data_width < 1 ||
+        int64_t{rec.reg_addr_start} + rec.reg_data_width > std::numeric_limits<int32_t>::max()) {
         return false;
     }
     const int size = cal_commbuf_size(rec);

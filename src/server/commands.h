@@ -50,9 +50,10 @@ REG_ADDR packet_reg_addr(const uint8_t* packet);
 // treated as a non-Modbus port.
 bool prepare_record(Connection& c, const uint8_t* rec_bytes);
 
-// A range can be polled only when it has at least one register and its data
-// fit the port thread's buffers and one data reply. Other ranges never enter
-// the area tables.
+// A range can be polled only when it has at least one register, its end
+// (start + width) is still a 32-bit register number, and its data fit the
+// port thread's buffers and one data reply. Other ranges never enter the
+// area tables.
 bool range_pollable(const REG_ADDR& rec);
 
 // reg_id classes.

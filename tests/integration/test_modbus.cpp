@@ -159,6 +159,10 @@ TEST_F(ModbusTcp, SlaveServesTheLocalAreasToSeveralMasters)
 {
     auto master = [&] {
         modbus_t* m = modbus_new_tcp("127.0.0.1", slave_port_);
+        // libmodbus waits 0.5 s by default; a loaded machine (sanitizers,
+        // emulation) can answer later, and a late answer would then be taken
+        // for the next request's.
+        modbus_set_response_timeout(m, 10, 0);
         rig::eventually([&] { return modbus_connect(m) == 0; });
         return std::unique_ptr<modbus_t, void (*)(modbus_t*)>(m, [](modbus_t* x) { modbus_close(x); modbus_free(x); });
     };

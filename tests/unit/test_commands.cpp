@@ -145,6 +145,7 @@ TEST_F(Commands, RequestsThatCannotBeServedAreRefusedOrIgnored)
         EXPECT_TRUE(run(h, request(cmd, none, extra)).empty()) << int(cmd);
     };
     refused(cmd_realtime_read, 4, empty);
+    refused(cmd_realtime_read, 4, make_rec(PLAIN_PORT, 1, 2, 1, INT32_MAX - 1, 2)); // ends past INT32_MAX
     refused(cmd_com_realtime_read, 8, huge);
     refused(cmd_write, 5, huge, {1, 2});
     refused(cmd_realtime_rw, 9, empty, op);
