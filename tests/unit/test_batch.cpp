@@ -1,5 +1,5 @@
-// Batch polling: batch searches, and the batch-class cycle and bat step
-// against a fake driver.
+// The batch-class cycle against a fake driver: where chunks end and how the
+// 1000-entry array bounds a batch.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "port/batch.h"
 #include "port/port_thread.h"
 #include "unit_util.h"
 #include "tables/opt_builder.h"
@@ -17,79 +16,18 @@ using namespace table_test;
 
 namespace {
 
-// A hand-built block list, freed with the test.
-struct BlockList {
-    BlockList() { opt_list_init(head, tail); }
-    ~BlockList() { opt_list_free(head, tail); }
-
-    OPT_node* add(uint8_t plc, uint8_t type, int id, int32_t start, int16_t width)
-    {
-        auto* b = new OPT_node{};
-        b->reg_addr = make_rec(1, plc, type, static_cast<uint8_t>(id), start, width);
-        b->prev = tail->prev;
-        b->next = tail;
-        tail->prev = tail->prev->next = b;
-        return b;
-    }
-    void add_words(int count)
-    {
-        for (int i = 0; i < count; ++i)
-            add(1, 2, 3, i, 1);
-    }
-
-    OPT_node* head = nullptr;
-    OPT_node* tail = nullptr;
-};
-
-TEST(BatchSearch, LimitsAndExcludedKinds)
-{
-    // A bit block costs one word toward the bat limit only while it stays
-    // inside one 16-bit word.
-    BlockList l;
-    const struct { int32_t start; int16_t width; int cost; } bit_costs[] = {{10, 8, 2}, {32, 8, 1}, {21, 10, 1}, {22, 10, 2}};
-    for (const auto& c : bit_costs)
-        EXPECT_EQ(bat_block_cost(l.add(1, 0, 1, c.start, c.width)), c.cost) << c.start;
-
-    BlockList full; // 125 + 2 words reach 127; the next one-word block does not fit
-    full.add_words(125);
-    full.add(1, 0, 1, 0, 16);
-    full.add(1, 0, 1, 16, 8);
-    EXPECT_EQ(foud_bat_read_opt(full.head, full.tail), 126);
-    EXPECT_EQ(foud_opto_num(full.head, full.tail), 100);
-
-    // The bat batch stops at kinds 128, 129, 131, 132; the batch-class run at
-    // 128..133 (setting more) unless the driver is 236.
-    for (int id = 127; id <= 134; ++id) {
-        const bool bat_ex = id == 128 || id == 129 || id == 131 || id == 132;
-        const bool batch_ex = id >= 128 && id <= 133;
-        BlockList ex;
-        ex.add_words(2);
-        OPT_node* x = ex.add(1, 2, id, 0, 1);
-        EXPECT_EQ(foud_bat_read_opt(ex.head, ex.tail), bat_ex ? 2 : 3) << id;
-        EXPECT_EQ(foud_bat_read_opt(x->prev, ex.tail), bat_ex ? 0 : 1) << id;
-        bool more = false;
-        EXPECT_EQ(foud_MQSC_bat_read_opt(ex.head, ex.tail, more, 1002), batch_ex ? 2 : 3) << id;
-        EXPECT_EQ(more, batch_ex) << id;
-        more = false;
-        EXPECT_EQ(foud_MQSC_bat_read_opt(ex.head, ex.tail, more, 236), 3) << id;
-        EXPECT_FALSE(more);
-    }
-}
-
 // What the fake driver was asked, one "K<n>:<station>:<address> " per call:
 // K is G (register), R (batch read) or S (single block read), n the entries
 // or the block's width, address the first entry's or the block's.
 std::string calls;
-int register_result = 0;
-int read_result = 0;
 
 int log_call(char kind, int n, int plc, int64_t addr, int result)
 {
     calls += kind + std::to_string(n) + ':' + std::to_string(plc) + ':' + std::to_string(addr) + ' ';
     return result;
 }
-int fake_register(OmronEntry* e, int n, PlcParam*) { return log_call('G', n, e[0].plc_id, e[0].address, register_result); }
-int fake_read(OmronEntry* e, int n, PlcParam*) { return log_call('R', n, e[0].plc_id, e[0].address, read_result); }
+int fake_register(OmronEntry* e, int n, PlcParam*) { return log_call('G', n, e[0].plc_id, e[0].address, 0); }
+int fake_read(OmronEntry* e, int n, PlcParam*) { return log_call('R', n, e[0].plc_id, e[0].address, 0); }
 int fake_plc_read(const DrvRegAddr* a, DrvDataRef* d, PlcParam*)
 {
     return log_call('S', d->count, a->plc_id, a->reg_addr_start, 0);
@@ -122,7 +60,6 @@ protected:
     {
         opt_list_free(t->list_head, t->list_tail);
         reset_area_tables();
-        register_result = read_result = 0;
     }
     // Before any range is registered.
     void set_driver(int driver, uint16_t max_words = 64)
@@ -141,19 +78,15 @@ protected:
     }
     static ORG_node* reg(const Range& g) { return reg_range(rec(g)).org; }
 
-    // One port cycle from the block rebuild on: the batch-class path, or the
-    // bat/opto step (true when it ended the cycle).
-    bool cycle(bool bat = false)
+    // One batch-class port cycle from the block rebuild on.
+    void cycle()
     {
         bool wrapped = false;
         if (rebuild_OPT_links(t->port, t->list_head, t->list_tail, t->cursor, t->limits, &wrapped))
             t->blocks_changed = true;
         if (wrapped)
             t->batch_done = false;
-        if (bat)
-            return port_bat_opto_step(*t);
         port_batch_cycle(*t);
-        return true;
     }
     std::string take_calls() { return std::exchange(calls, {}); }
 
@@ -178,28 +111,6 @@ protected:
     std::unique_ptr<PortThread> t = std::make_unique<PortThread>();
 };
 
-TEST_F(BatchPort, FailuresMarkCachesAndRegisterAgain)
-{
-    ORG_node* g = first_poll({{1, 2, 3, 0, 4}}, "G4:1:0 R4:1:0 ")[0];
-    // A failed read marks the caches and makes the next cycle register again.
-    read_result = 2;
-    cycle();
-    EXPECT_EQ(g->status, 2);
-    read_result = 0;
-    cycle();
-    EXPECT_EQ(take_calls(), "R4:1:0 G4:1:0 R4:1:0 ");
-    EXPECT_EQ(g->status, 1);
-
-    // A registration error changes nothing; a time-out marks the chunk with 2.
-    reg({1, 2, 3, 50, 1});
-    for (int result : {3, 2}) {
-        register_result = result;
-        cycle();
-        EXPECT_EQ(take_calls(), "G5:1:0 ");
-        EXPECT_EQ(g->status, result == 2 ? 2 : 1);
-    }
-}
-
 TEST_F(BatchPort, ChunksEndAtBlockBoundariesAndWideBlocksReadSingly)
 {
     set_driver(422, 100); // no block-size override: word blocks of up to 100
@@ -222,37 +133,6 @@ TEST_F(BatchPort, EntryArrayBoundsTheBatch)
     for (int c = 0; c < 7; ++c)
         singles += "S30:1:0 ";
     first_poll(ranges, chunks + "G30:1:0 R30:1:0 " + singles);
-}
-
-TEST_F(BatchPort, BatStepReadsOncePerPassThenSingles)
-{
-    set_driver(1001);
-    ORG_node* g = reg({1, 2, 3, 0, 4});
-    reg({1, 2, 131, 0, 2}); // ends the bat batch
-    EXPECT_TRUE(cycle(true));
-    EXPECT_EQ(g->status, 1);
-    EXPECT_EQ(t->bat_next ? t->bat_next->reg_addr.reg_id : 0, 131);
-
-    // Until the cursor wraps (after the other five blocks) the step hands
-    // over to the single-block read; a failed read registers again.
-    int singles = 0;
-    while (!cycle(true) && singles < 20)
-        ++singles;
-    EXPECT_EQ(singles, 6);
-    read_result = 2;
-    t->batch_done = false;
-    EXPECT_TRUE(cycle(true));
-    read_result = 0;
-    EXPECT_TRUE(cycle(true));
-    EXPECT_EQ(take_calls(), "G4:1:0 R4:1:0 R4:1:0 R4:1:0 G4:1:0 R4:1:0 ");
-
-    // No blocks left: the change is taken without a registration.
-    unreg_range(rec({1, 2, 3, 0, 4}));
-    unreg_range(rec({1, 2, 131, 0, 2}));
-    EXPECT_FALSE(cycle(true));
-    EXPECT_EQ(take_calls(), "");
-    EXPECT_FALSE(t->blocks_changed);
-    EXPECT_EQ(t->entry_count, 0);
 }
 
 } // namespace

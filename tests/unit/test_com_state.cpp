@@ -89,28 +89,6 @@ TEST_F(ComState, BackOffDecisions)
     EXPECT_EQ(ComStateItem_MustNormCom(item), 1);
 }
 
-TEST_F(ComState, NgAndOkArePrintedOnceSkippingNeedsBit9263AndRecoveryKeepsTheOrder)
-{
-    plc.read_results = {2, 2, 2, 2, 2, 2, 2, 3};
-    testing::internal::CaptureStdout();
-    read(1);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(read(3), 2); // bit 9263 clear: never skipped
-    set_bit(LOCAL_BIT_SKIP_ENABLE);
-    read(5);
-    EXPECT_EQ(read(3), 2); // two stations seen with the bit set: station 3 is skipped
-    EXPECT_EQ(plc.calls.size(), 7u);
-    clear_bit(LOCAL_BIT_SKIP_ENABLE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Plc(1) NG\n[C1000]\r\nPlc(3) NG\n[C1000]\r\nPlc(5) NG\n[C1000]\r\n");
-
-    fake_now = 1001;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(read(3), 3); // an error answer is an answer
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Plc(3) OK\n[C1001]\r\n");
-    EXPECT_TRUE(op_.item_count == 2 && op_.items[0].plc_id == 1 && op_.items[1].plc_id == 5);
-    EXPECT_EQ(VGlobComState_Find(VGlobComState_Instance(), 65536 + 3), -1);
-}
-
 TEST_F(ComState, GlobalTableSlots)
 {
     VGlobComState t;

@@ -100,43 +100,6 @@ TEST_F(OptBuilder, MergesRangesIntoBlocks)
     EXPECT_TRUE(reg_addr_equal(head->next->reg_addr, r));
 }
 
-TEST_F(OptBuilder, PassBuildsOnlyItsPortInFatOrder)
-{
-    reg(make_rec(1, 1, 2, 3, 0, 10));
-    reg(make_rec(1, 1, 0, 3, 0, 40));    // bits: limit 16, gap 16
-    reg(make_rec(1, 1, 4, 3, 0, 40));    // double words: limit 32
-    reg(make_rec(1, 1, 1, 3, 0, 200));   // bytes: limit 128
-    reg(make_rec(2, 1, 2, 3, 0, 10));    // another port
-    EXPECT_FALSE(pass(3));
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(cursor, head);   // the list was empty when the cursor advanced
-    EXPECT_EQ(blocks(), (Blocks{"0-16<0/40>", "16-32<0/40>", "32-40<0/40>", "0-128<0/200>", "128-200<0/200>",
-                                "0-10<0/10>", "0-32<0/40>", "32-40<0/40>"}));
-    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
-        EXPECT_EQ(f->change_state, f->deviceport_id == 1 ? 0 : 1);
-    EXPECT_EQ(FAT_link_tail->prev->opt_first, nullptr);
-
-    // Nothing changed: nothing is handled, the cursor walks the blocks and
-    // reports the wrap from the last block.
-    bool wrapped = true;
-    EXPECT_FALSE(rebuild_OPT_links(1, head, tail, cursor, limits, &wrapped));
-    EXPECT_FALSE(wrapped);
-    EXPECT_EQ(cursor, nth_block(0));
-    cursor = nth_block(7);
-    rebuild_OPT_links(1, head, tail, cursor, limits, &wrapped);
-    EXPECT_TRUE(wrapped);
-    EXPECT_EQ(cursor, nth_block(0));
-
-    // Areas added before, between and after keep the blocks in FAT order.
-    for (const REG_ADDR& r : {make_rec(1, 0, 2, 9, 0, 1), make_rec(1, 1, 2, 2, 5, 1), make_rec(1, 2, 2, 0, 7, 1)})
-        reg(r);
-    reg(make_rec(1, 1, 2, 3, 2, 3));   // rebuilds the word area with the same result
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(blocks(), (Blocks{"0-1<0/1>", "0-16<0/40>", "16-32<0/40>", "32-40<0/40>", "0-128<0/200>",
-                                "128-200<0/200>", "5-6<5/1>", "0-10<0/10>", "0-32<0/40>", "32-40<0/40>",
-                                "7-8<7/1>"}));
-}
-
 TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
 {
     for (const REG_ADDR& r : {word(1, 0, 10), word(2, 0, 10), word(2, 100, 10), word(3, 0, 10)})

@@ -94,19 +94,4 @@ TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2
     EXPECT_EQ(find_read(0), n);
 }
 
-TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
-{
-    RORT_node* rmw = queue(a, 2, 5);
-    RORT_node* rd = queue(a, 0);
-    rd->status = 1;   // status does not matter for lookup
-    rw_oper key{};
-    key.op_code = 5;
-    key.direction = 9;   // only the first 16 bytes take part
-    EXPECT_EQ(find(a, key, 2), rmw);
-    key.limit_low = 1;
-    EXPECT_EQ(find(a, key, 2), nullptr);
-    EXPECT_EQ(find(a, key, 0), rd);   // reads ignore the block
-    EXPECT_EQ(find(a, key, 1), nullptr);
-}
-
 } // namespace

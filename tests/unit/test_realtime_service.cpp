@@ -150,20 +150,6 @@ TEST_F(RealtimeService, ReadModifyWrite)
     }
 }
 
-TEST_F(RealtimeService, ThreeRequestsPerCycleOfItsOwnPort)
-{
-    auto t = port(5);
-    std::vector<RORT_node*> reqs;
-    for (int i = 0; i < 4; ++i)
-        reqs.push_back(queue(make_rec(1, 3, 2, 7, i, 1), 0));
-    RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
-    EXPECT_EQ(serve(*t, reqs[2]), 1);
-    EXPECT_EQ(plc.calls.size(), 3u);
-    EXPECT_EQ(reqs[3]->status, 0);
-    EXPECT_EQ(serve(*t, reqs[3]), 1);
-    EXPECT_EQ(other->status, 0);
-}
-
 TEST_F(RealtimeService, UnservableRequestsFailWithoutDriverCall)
 {
     auto t = port(5);

@@ -39,24 +39,6 @@ protected:
     LocalBits bits;
 };
 
-TEST_F(TableOps, RangesByStartWidestFirstThenArrivalAreasByUnsignedKey)
-{
-    reg(make_rec(1, 1, 2, 3, 10, 5));
-    reg(make_rec(1, 1, 2, 3, 0, 4));
-    reg(make_rec(1, 1, 2, 3, 10, 8));
-    ORG_node* b = reg(make_rec(1, 1, 2, 3, 10, 5, 1));   // records differ in one byte only
-    REG_ADDR tagged = make_rec(1, 1, 2, 3, 10, 5);
-    tagged.rec_tag = 7;
-    EXPECT_EQ(b->next, reg(tagged));
-    // Starts compare signed; a wider range at the first start becomes org_first.
-    EXPECT_EQ(FAT_link_head->next->org_first, reg(make_rec(1, 1, 2, 3, -5, 2)));
-    EXPECT_EQ(FAT_link_head->next->org_first, reg(make_rec(1, 1, 2, 3, -5, 300)));
-    reg(make_rec(200, 0, 2, 1, 0, 1));
-    reg(make_rec(1, 200, 2, 250, 0, 1));
-    EXPECT_EQ(org_ranges(), (Ranges{"-5/300", "-5/2", "0/4", "10/8", "10/5", "10/5", "10/5", "0/1", "0/1"}));
-    EXPECT_EQ(FAT_link_tail->prev->deviceport_id, 200);
-}
-
 TEST_F(TableOps, ParkedAreaSurvivesDeletionOfItsAnchor)
 {
     // B empties while parked on A's only node; A then grows behind that node
