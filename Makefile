@@ -5,6 +5,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
 ARMHF_BUILD ?= build-armhf
+RELEASE_BUILD ?= build-release
 # Emulated tests mostly wait on each other's processes: run more than one per core.
 ARMHF_TEST_JOBS ?= 4
 FUZZ_BUILD ?= build-fuzz
@@ -13,7 +14,7 @@ SOAK_CLIENTS ?= 200
 SOAK_SECONDS ?= 600
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build run test asan-test tsan-test armhf-test bench fuzz soak clean
+.PHONY: all deps build run test release-build asan-test tsan-test armhf-test bench fuzz soak test-share clean
 
 all: build
 
@@ -29,6 +30,15 @@ run: build
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# Release flags let the optimiser see more; warnings stay errors there too.
+release-build: deps
+	@cmake -S . -B $(RELEASE_BUILD) -DCMAKE_BUILD_TYPE=Release >/dev/null
+	@cmake --build $(RELEASE_BUILD) -j $(JOBS)
+
+# Test lines against code lines; fails above the limit.
+test-share:
+	@scripts/test-share --check
 
 asan-test: deps
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCOMSERVER_SANITIZE=ON >/dev/null
@@ -78,14 +88,4 @@ soak: deps
 	$(BUILD)/bin/soak --clients $(SOAK_CLIENTS) --seconds $(SOAK_SECONDS)
 
 clean:
-TSAN_BUILD ?= build-tsan
-ARMHF_BUILD ?= build-armhf
-# Emulated tests mostly wait on each other's processes: run more than one per core.
-ARMHF_TEST_JOBS ?= 4
-FUZZ_BUILD ?= build-fuzz
-FUZZ_SECONDS ?= 60
-SOAK_CLIENTS ?= 200
-SOAK_SECONDS ?= 600
-JOBS ?= $(shell nproc)
-
-.PHONY: all deps build run test asan-test tsan-test armhf-test bench fuzz soak clean
+	rm -rf $(BUILD) $(RELEASE_BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(ARMHF_BUILD) $(FUZZ_BUILD)

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <vector>
 
+#include "base/protocol.h"
 #include "port/refresh.h"
-#include "server/protocol.h"
 #include "tables/opt_builder.h"
 #include "tables/table_ops.h"
 

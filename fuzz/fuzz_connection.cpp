@@ -20,8 +20,8 @@
 
 #include "comclient.h"
 #include "server/connection.h"
-#include "store/local_areas.h"
-#include "table_invariants.h"
+#include "base/local_areas.h"
+#include "unit_util.h"
 #include "tables/realtime_list.h"
 
 using namespace table_test;

@@ -13,7 +13,7 @@
 #include "can/can_port.h"
 #include "port/port_thread.h"
 #include "server/commands.h"
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/sweeper.h"
 
 using namespace table_test;

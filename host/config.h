@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "server/port_config.h"
+#include "base/port_config.h"
 
 // Which plug-in file is copied for a port.
 enum class HostPlugin { sim, modbus, none, file };

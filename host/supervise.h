@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 
-#include "server/port_config.h"
+#include "base/port_config.h"
 
 struct ServerLaunch {
     std::filesystem::path server;   // absolute path of the executable

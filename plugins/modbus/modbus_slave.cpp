@@ -15,7 +15,7 @@
 
 #include <modbus.h>
 
-#include "server/shm_sem.h"
+#include "base/shm_sem.h"
 
 namespace {
 

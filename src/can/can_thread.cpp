@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/globals.h"
 #include "can/can_port.h"
-#include "server/globals.h"
 
 pthread_mutex_t spi_mutex = PTHREAD_MUTEX_INITIALIZER;
 

@@ -3,7 +3,7 @@
 
 #include <pthread.h>
 
-#include "server/port_config.h"
+#include "base/port_config.h"
 
 // Argument of a CAN port thread: the port record and the SPI descriptor
 // shared by every CAN port.

@@ -31,12 +31,8 @@ struct PlcDriver {
     ev_plc_write_fn write = nullptr;
     ev_OMRON_plc_read_fn omron_read = nullptr;
     ev_OMRON_plc_register_fn omron_register = nullptr;
-    int driver_no = 0;   // the thread's driver number: 106 runs as 1004 with ev_OMRON_plc_read
-    bool batch = false;  // drivers 1002, 1003, 1005
+    int driver_no = 0; // the number the thread runs as (with_batch_read_runs_as)
 };
-
-// True for the driver numbers whose plug-ins provide the batch entry points.
-bool driver_uses_omron_entries(int driver_no, bool batch);
 
 // The loading sequence of a serial or 'U' port, with its messages: the slave
 // start-up pass when asked for, the main pass, driver-number effects, and

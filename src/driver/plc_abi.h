@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <pthread.h>
 
-#include "server/port_config.h"
+#include "base/port_config.h"
 
 extern "C" {
 

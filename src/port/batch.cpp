@@ -10,6 +10,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "driver/driver_traits.h"
 #include "port/com_state.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"
@@ -23,7 +24,10 @@ bool is_block(const OPT_node* node) { return node != nullptr && node->next != nu
 
 bool bat_excluded(int reg_id) { return reg_id == 128 || reg_id == 129 || reg_id == 131 || reg_id == 132; }
 
-bool batch_excluded(int reg_id, int driver) { return driver != 236 && reg_id >= 128 && reg_id <= 133; }
+bool batch_excluded(int reg_id, int driver)
+{
+    return !driver_traits(driver).batch_takes_reserved_ids && reg_id >= 128 && reg_id <= 133;
+}
 
 int value_width(int reg_type) { return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0; }
 

@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
+#include "base/byte_order.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
+#include "base/shm_sem.h"
+#include "driver/driver_traits.h"
 #include "port/refresh.h"
-#include "server/globals.h"
-#include "server/shm_sem.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
-#include "store/local_areas.h"
 
 namespace {
 
@@ -36,6 +39,7 @@ void write_local_bit(int n, bool on)
     if (local_bit == nullptr) {
         return;
     }
+    assert(!lock_rules::holds(lock_rules::TABLES | lock_rules::REALTIME_LIST));
     ShmSemGuard guard(semid);
     if (on) {
         set_bit(n);
@@ -377,25 +381,25 @@ VGlobComState& VGlobComState_Instance()
 
 int VGlobComState_Find(VGlobComState& table, uint32_t key)
 {
-    std::lock_guard<std::mutex> guard(table.lock);
+    std::lock_guard guard(table.lock);
     return find_locked(table, key);
 }
 
 int VGlobComState_Add(VGlobComState& table, uint32_t key)
 {
-    std::lock_guard<std::mutex> guard(table.lock);
+    std::lock_guard guard(table.lock);
     return add_locked(table, key);
 }
 
 int VGlobComState_Rmv(VGlobComState& table, int index)
 {
-    std::lock_guard<std::mutex> guard(table.lock);
+    std::lock_guard guard(table.lock);
     return rmv_locked(table, index);
 }
 
 void VGlobComState_SetState(VGlobComState& table, uint32_t key, int state)
 {
-    std::lock_guard<std::mutex> guard(table.lock);
+    std::lock_guard guard(table.lock);
     const int index = find_locked(table, key);
     if (state != 0 && index < 0) {
         add_locked(table, key);

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "base/lock_rules.h"
 #include "driver/plc_abi.h"
 
 constexpr int COM_STATE_TIMEOUT = 2;          // driver result / item state: no answer
@@ -56,7 +57,7 @@ struct VGlobComState {
     int32_t count = 0;
     int32_t slots = 0;   // high-water mark, never shrinks
     uint32_t keys[VGLOB_COM_STATE_SLOTS] = {};
-    std::mutex lock;
+    lock_rules::RuleMutex<lock_rules::TIMEOUT_TABLE> lock;  // never held with another lock
 };
 
 // Clocks in seconds; tests point them at controllable ones. The back-off

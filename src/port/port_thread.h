@@ -44,8 +44,8 @@ struct PortThread {
 
 // Driver classes of the poll loop.
 bool port_is_batch_class(const PortThread& t);
-bool port_is_bat(const PortThread& t);   // 1001
-bool port_is_opto(const PortThread& t);  // 404
+bool port_is_bat(const PortThread& t);
+bool port_is_opto(const PortThread& t);
 
 // Block limits of a port from its record and configured driver number.
 OPT_limits port_block_limits(const com_port_info& rec);

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/byte_order.h"
+#include "driver/driver_traits.h"
 #include "port/com_state.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"
@@ -96,7 +98,7 @@ void store_node_data(RORT_node& node, const uint8_t* src, int n)
 
 void complete(RORT_node* node, int16_t status)
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard lock(mutex);
     node->status = status;
 }
 
@@ -133,7 +135,7 @@ bool servable(const PortThread& t, const Request& q)
 // request was completed as failed right away.
 bool take_request(PortThread& t, RORT_node* node, Request& q)
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard lock(mutex);
     q.node = node;
     q.req_type = node->req_type;
     q.reg_addr = node->reg_addr;
@@ -163,7 +165,7 @@ void serve_read(PortThread& t, const Request& q)
         }
     }
     const auto status = static_cast<int16_t>(status_from_result(r));
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard lock(mutex);
     if (status == 1) {
         store_node_data(*q.node, t.buf, q.n);
     }
@@ -222,7 +224,7 @@ void serve_pulse(PortThread& t, const Request& q)
 
     const auto status = static_cast<int16_t>(status_from_result(r));
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard lock(mutex);
         q.node->status = status;
         if (status == 1) {
             copy_node_data(t.write_copy, *q.node, q.n);
@@ -283,7 +285,7 @@ void serve_rmw(PortThread& t, const Request& q)
 
     const auto status = static_cast<int16_t>(status_from_result(r));
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard lock(mutex);
         store_node_data(*q.node, t.write_copy, q.n);
         q.node->rw_oper = rw;
         q.node->status = status;
@@ -321,7 +323,7 @@ void serve_request(PortThread& t, RORT_node* node)
 // requests are completed as failed so that their clients stop waiting.
 void fail_pending(int port)
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard lock(mutex);
     for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
         if (n->status == 0 && n->reg_addr.deviceport_id == port) {
             n->status = STATUS_FAILED;

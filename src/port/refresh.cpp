@@ -85,7 +85,7 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
     if (block == nullptr) {
         return;
     }
-    std::unique_lock<std::shared_mutex> lock(rwlock);
+    std::unique_lock lock(rwlock);
     if (ORT_link_head->next == ORT_link_tail) {
         return;
     }
@@ -151,7 +151,7 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
     if (block == nullptr) {
         return;
     }
-    std::unique_lock<std::shared_mutex> lock(rwlock);
+    std::unique_lock lock(rwlock);
     const REG_ADDR& b = block->reg_addr;
 
     // The block's org pointer is only trustworthy while its area's blocks are
@@ -219,7 +219,7 @@ void refresh_writeOK_ORG(RealtimeImage image)
     if (image.data == nullptr) {
         return;
     }
-    std::unique_lock<std::shared_mutex> lock(rwlock);
+    std::unique_lock lock(rwlock);
     const REG_ADDR& w = image.reg_addr;
     const int64_t ws = w.reg_addr_start;
     const int64_t we = ws + w.reg_data_width;

@@ -1,5 +1,6 @@
 // Read commands: cached reads (3, 19), realtime reads (4, 6) and the cached
 // read with realtime fall-back (8).
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -42,12 +43,27 @@ int64_t range_end(const REG_ADDR& r)
     return int64_t{r.reg_addr_start} + r.reg_data_width;
 }
 
+// Answers command 3 from a registered range's cache and marks the range
+// read. The caller holds rwlock, for reading at least.
+void answer_cached(Connection& c, ORG_node& o, const REG_ADDR& rec)
+{
+    assert(lock_rules::holds(lock_rules::TABLES));
+    o.age.store(0, std::memory_order_relaxed);
+    switch (o.status) {
+    case 1: answer(c, produce_node_reply(c.reply, CMD_COM_READ, o.reg_addr, o.data, cal_commbuf_size(rec))); break;
+    case 0: answer_status(c, com_read_err_01); break;
+    case 2: answer_status(c, com_read_err_02); break;
+    default: answer_status(c, com_read_err_03); break;
+    }
+}
+
 enum class CacheAnswer { Sent, NoReply, NotCached };
 
 // Answers command 8 from the ORG caches when cached ranges with valid data
 // cover the whole request. The caller holds rwlock (shared).
 CacheAnswer serve_from_caches(Connection& c, const REG_ADDR& rec)
 {
+    assert(lock_rules::holds(lock_rules::TABLES));
     const int32_t start = rec.reg_addr_start;
     ORG_node* node = ORT_link_head->next;
     for (; node != ORT_link_tail; node = node->next) {
@@ -183,6 +199,15 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
         return;
     }
 
+    {
+        // The common case, a range read before: many connections look it up
+        // at once and only reset its age, which is atomic.
+        std::shared_lock lock(rwlock);
+        if (ORG_node* o = find_ORT_FAT(rec)) {
+            answer_cached(c, *o, rec);
+            return;
+        }
+    }
     std::unique_lock lock(rwlock);
     const OrtFatResult r = insert_ORT_FAT(rec);
     if (r.created || r.org == nullptr) {
@@ -190,14 +215,7 @@ void cmd_com_read(Connection& c, const uint8_t* packet)
         answer_status(c, com_read_err_01);
         return;
     }
-    ORG_node* o = r.org;
-    o->age = 0;
-    switch (o->status) {
-    case 1: answer(c, produce_node_reply(c.reply, CMD_COM_READ, o->reg_addr, o->data, cal_commbuf_size(rec))); break;
-    case 0: answer_status(c, com_read_err_01); break;
-    case 2: answer_status(c, com_read_err_02); break;
-    default: answer_status(c, com_read_err_03); break;
-    }
+    answer_cached(c, *r.org, rec);  // registered by another connection meanwhile
 }
 
 void cmd_realtime_read(Connection& c, const uint8_t* packet)

@@ -1,18 +1,18 @@
 #include "server/connection.h"
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/globals.h"
 #include "server/commands.h"
-#include "server/globals.h"
 #include "server/reply_data.h"
 #include "tables/realtime_list.h"
 
@@ -83,10 +83,21 @@ int minimum_package_len(uint8_t command)
     }
 }
 
+// Several builders OR bits into the reply or leave gaps they expect to be
+// zero. Every reply of the cached read (data or status) is written byte for
+// byte up to its length, its local and SRAM readers included (they gather
+// into zeroed scratch of their own), so the busiest request skips clearing
+// the 4096-byte buffer.
+bool reply_needs_clearing(uint8_t command)
+{
+    return command != CMD_COM_READ;
+}
+
 } // namespace
 
 void send_reply(Connection& c)
 {
+    assert(!lock_rules::holds(lock_rules::ANY));
     for (size_t done = 0; done < c.reply_len;) {
         const ssize_t n = ::send(c.sock, c.reply + done, c.reply_len - done, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
@@ -127,6 +138,7 @@ bool refuse_unserved_port(Connection& c, const REG_ADDR& rec, uint8_t command)
 
 void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command, const uint8_t* queued)
 {
+    assert(lock_rules::holds(lock_rules::REALTIME_LIST));
     if (insert_realtime_link(node, c.REG_ADDR_temp, req_type, c.id) == RealtimeInsert::refused) {
         answer_refusal(c, command);
     } else {
@@ -140,7 +152,9 @@ void dispatch_packet(Connection& c, const uint8_t* packet)
     if (parse_package_len(packet) < minimum_package_len(parse_command(packet))) {
         return;
     }
-    std::memset(c.reply, 0, sizeof c.reply);
+    if (reply_needs_clearing(parse_command(packet))) {
+        std::memset(c.reply, 0, sizeof c.reply);
+    }
     c.reply_len = 0;
     c.rw_block = ::rw_oper{};
     switch (parse_command(packet)) {
@@ -165,15 +179,26 @@ void dispatch_packet(Connection& c, const uint8_t* packet)
 
 namespace {
 
-// Waits up to IDLE_SECONDS for the socket to become readable: 1 readable,
-// 0 silent, -1 failed. poll has no limit on descriptor numbers.
-int wait_readable(int sock)
+enum class Received { Data, Silent, Closed, Failed };
+
+// One blocking receive into buf; the socket's receive time-out (IDLE_SECONDS,
+// set when the connection starts) ends a silent connection.
+Received receive(int sock, uint8_t* buf, size_t room, size_t& got)
 {
     for (;;) {
-        pollfd p{sock, POLLIN, 0};
-        const int ready = ::poll(&p, 1, IDLE_SECONDS * 1000);
-        if (ready >= 0 || errno != EINTR) {
-            return ready < 0 ? -1 : (ready > 0 ? 1 : 0);
+        const ssize_t n = ::recv(sock, buf, room, 0);
+        if (n > 0) {
+            got = static_cast<size_t>(n);
+            return Received::Data;
+        }
+        if (n == 0) {
+            return Received::Closed;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return Received::Silent;
+        }
+        if (errno != EINTR) {
+            return Received::Failed;
         }
     }
 }
@@ -200,25 +225,16 @@ void serve(Connection& c)
             continue;
         }
 
-        const int ready = wait_readable(c.sock);
-        if (ready < 0) {
-            std::puts("Select error\r");
-            return;
-        }
-        if (ready == 0) {
-            return; // silent for 600 seconds
-        }
-        const ssize_t n = ::recv(c.sock, buf + have, sizeof buf - have, 0);
-        if (n < 0) {
-            std::puts("Recv error\r");
-            return;
-        }
-        if (n == 0) {
+        size_t got = 0;
+        switch (receive(c.sock, buf + have, sizeof buf - have, got)) {
+        case Received::Data: have += got; break;
+        case Received::Silent: return; // silent for IDLE_SECONDS
+        case Received::Closed:
             std::printf("socket num = %d\r\n", c.sock);
             std::puts("Client close socket\r\n\r");
             return;
+        case Received::Failed: std::puts("Recv error\r"); return;
         }
-        have += static_cast<size_t>(n);
     }
 }
 
@@ -244,6 +260,8 @@ void request_thread(client_arg arg)
     SocketGuard guard(arg.sock);
     const timeval send_limit{SEND_TIMEOUT_SECONDS, 0};
     ::setsockopt(c->sock, SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
+    const timeval idle_limit{IDLE_SECONDS, 0};
+    ::setsockopt(c->sock, SOL_SOCKET, SO_RCVTIMEO, &idle_limit, sizeof idle_limit);
     serve(*c);
 }
 

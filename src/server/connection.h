@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 
-#include "server/protocol.h"
+#include "base/protocol.h"
 #include "tables/tables.h"
 
 // Connections served at once. Each one costs a thread (with a small stack,

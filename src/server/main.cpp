@@ -16,13 +16,13 @@
 #include <thread>
 #include <unistd.h>
 
+#include "base/globals.h"
+#include "base/local_areas.h"
+#include "base/paths.h"
+#include "base/shm_sem.h"
 #include "can/can_thread.h"
 #include "port/process_thread.h"
 #include "server/connection.h"
-#include "server/globals.h"
-#include "server/paths.h"
-#include "server/shm_sem.h"
-#include "store/local_areas.h"
 #include "tables/sweeper.h"
 #include "tables/tables.h"
 

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "server/globals.h"
-#include "server/protocol.h"
+#include "base/globals.h"
+#include "base/protocol.h"
+#include "driver/driver_traits.h"
 #include "store/addressing.h"
 
 ReplyForm choose_reply_data(const REG_ADDR& rec, const uint8_t* data, int size, uint8_t* scratch)

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "server/globals.h"
-#include "store/local_areas.h"
+#include "base/globals.h"
+#include "driver/driver_traits.h"
 
 namespace {
 
@@ -43,31 +43,6 @@ void normalise_addr(REG_ADDR& rec, bool grow_width)
 
 } // namespace
 
-int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width)
-{
-    const int n = reg_data_width;
-    int size = 0;
-    switch (reg_type) {
-    case 0:
-        size = (n % 8 == 0) ? n / 8 : n / 8 + 1;
-        break;
-    case 1:
-    case 2:
-    case 4:
-        size = n * reg_type;
-        break;
-    default:
-        size = 0;
-        break;
-    }
-    return static_cast<int16_t>(size);
-}
-
-int16_t cal_commbuf_size(const REG_ADDR& rec)
-{
-    return cal_commbuf_size(rec.reg_type, rec.reg_data_width);
-}
-
 void reg_addr_change(REG_ADDR& rec)
 {
     normalise_addr(rec, true);
@@ -100,7 +75,7 @@ int change_Modbus_Extend_to_REG_ADDR_temp(DrvRegAddr& addr, int count)
 int RegAddr_IsModbusExtend(int port, const DrvRegAddr& addr)
 {
     const com_port_info* info = com_port(port);
-    if (info == nullptr || info->plc_driver_no != 50) {
+    if (info == nullptr || !driver_traits(info->plc_driver_no).modbus) {
         return 0;
     }
     return (addr.reg_id == 3 || addr.reg_id == 4) ? 1 : 0;
@@ -111,7 +86,7 @@ int RegAddr_MaxWidth(const DrvRegAddr& addr, const PlcParam& param)
     if (addr.reg_type == 0) {
         return param.max_bits;
     }
-    const int bytes = param.plc_driver_no > 1000 ? 32 : 2 * param.max_words;
+    const int bytes = driver_write_piece_bytes(param.plc_driver_no, param.max_words);
     return bytes / addr.reg_type;
 }
 
@@ -136,153 +111,6 @@ void RegAddr_Add(DrvRegAddr& addr, int count)
     // before any driver sees them, and the unit only travels along to tell
     // the driver how its PLC counts. So the next piece starts count on.
     addr.reg_addr_start = wrap_add(addr.reg_addr_start, count);
-}
-
-void simens_change(uint8_t* buf, int n)
-{
-    for (int i = 0; i < n; ++i) {
-        uint8_t* e = buf + 4 * static_cast<size_t>(i);
-        const uint8_t b0 = e[0];
-        const uint8_t b1 = e[1];
-        e[0] = e[2];
-        e[1] = e[3];
-        e[2] = b0;
-        e[3] = b1;
-    }
-}
-
-void int_to_char_bigending(uint8_t* out, uint32_t value)
-{
-    out[0] = static_cast<uint8_t>(value >> 24);
-    out[1] = static_cast<uint8_t>(value >> 16);
-    out[2] = static_cast<uint8_t>(value >> 8);
-    out[3] = static_cast<uint8_t>(value);
-}
-
-uint32_t char_to_int_bigending(const uint8_t* in)
-{
-    return (static_cast<uint32_t>(in[0]) << 24) | (static_cast<uint32_t>(in[1]) << 16) |
-           (static_cast<uint32_t>(in[2]) << 8) | static_cast<uint32_t>(in[3]);
-}
-
-void short_to_char_bigending(uint8_t* out, uint16_t value)
-{
-    out[0] = static_cast<uint8_t>(value >> 8);
-    out[1] = static_cast<uint8_t>(value);
-}
-
-int char_to_short_bigending(const uint8_t* in)
-{
-    return static_cast<int16_t>(static_cast<uint16_t>(in[0] << 8 | in[1]));
-}
-
-// Negative bit numbers name no bit of the array; such calls do nothing.
-void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out)
-{
-    if (count < 1 || first < 0) {
-        return;
-    }
-    for (int i = 0; i < count; ++i) {
-        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-        out[i] = (bits[b / 8] >> (b % 8)) & 1u;
-    }
-}
-
-void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first)
-{
-    if (count < 1 || first < 0) {
-        return;
-    }
-    for (int i = 0; i < count; ++i) {
-        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-        const auto mask = static_cast<uint8_t>(1u << (b % 8));
-        if (in[i] & 1u) {
-            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] | mask);
-        } else {
-            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] & ~mask);
-        }
-    }
-}
-
-namespace {
-
-// Bit n lies inside the local bit area the segment really has.
-bool local_bit_exists(int n)
-{
-    return local_bit != nullptr && n >= 0 && static_cast<size_t>(n) / 8 < local_bit_size();
-}
-
-} // namespace
-
-// The bit area lives in the shared segment, which the parent process writes
-// too. On a little-endian word, bit n % 32 of word n / 32 is bit n % 8 of
-// byte n / 8, so each primitive touches exactly one byte; set and clear are
-// atomic on that byte so that concurrent updates of neighbouring bits by
-// threads of this process never undo each other. A bit beyond the area
-// (a small segment) reads as 0 and is never written.
-uint32_t get_bit(int n)
-{
-    if (!local_bit_exists(n)) {
-        return 0;
-    }
-    const uint8_t byte = __atomic_load_n(&local_bit[n / 8], __ATOMIC_ACQUIRE);
-    if ((byte >> (n % 8)) & 1u) {
-        return 1u << (n % 32);
-    }
-    return 0;
-}
-
-void set_bit(int n)
-{
-    if (!local_bit_exists(n)) {
-        return;
-    }
-    const auto mask = static_cast<uint8_t>(1u << (n % 8));
-    __atomic_fetch_or(&local_bit[n / 8], mask, __ATOMIC_ACQ_REL);
-}
-
-void clear_bit(int n)
-{
-    if (!local_bit_exists(n)) {
-        return;
-    }
-    const auto mask = static_cast<uint8_t>(~(1u << (n % 8)));
-    __atomic_fetch_and(&local_bit[n / 8], mask, __ATOMIC_ACQ_REL);
-}
-
-int GetMin(int a, int b)
-{
-    return a < b ? a : b;
-}
-
-int GetMax(int a, int b)
-{
-    return a > b ? a : b;
-}
-
-bool is_siemens_driver(int plc_driver_no)
-{
-    switch (plc_driver_no) {
-    case 1:
-    case 21:
-    case 169:
-    case 450:
-    case 452:
-    case 454:
-    case 456:
-    case 480:
-    case 510:
-    case 522:
-    case 550:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool is_s2_driver(int plc_driver_no)
-{
-    return plc_driver_no == 38 || plc_driver_no == 39 || plc_driver_no == 57;
 }
 
 DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit)

@@ -1,20 +1,15 @@
-// Register addressing and byte order shared by every layer: buffer sizes,
-// client address normalisation, Modbus bit views, write splitting, the
-// Siemens word swap, small converters and the local bit primitives.
+// Register addressing: client address normalisation, the driver's form of a
+// range, Modbus bit views and write splitting.
 #pragma once
 
 #include <cstdint>
 
+#include "base/reg_addr.h"
 #include "driver/plc_abi.h"
-#include "tables/tables.h"
 
 // The driver's form of a range: plc_id, reg_type, reg_id, start and
 // byte_offset; addr_unit only when asked for (write paths).
 DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit = false);
-
-// Data bytes of a range (signed 16-bit, as the record's width is).
-int16_t cal_commbuf_size(const REG_ADDR& rec);
-int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width);
 
 void reg_addr_change(REG_ADDR& rec);
 void write_reg_addr_change(REG_ADDR& rec);
@@ -26,26 +21,3 @@ int RegAddr_MaxWidth(const DrvRegAddr& addr, const PlcParam& param);
 int RegAddr_Bytes(const DrvRegAddr& addr, int count);
 void RegAddr_Add(DrvRegAddr& addr, int count);
 
-void simens_change(uint8_t* buf, int n);
-
-void int_to_char_bigending(uint8_t* out, uint32_t value);
-uint32_t char_to_int_bigending(const uint8_t* in);
-void short_to_char_bigending(uint8_t* out, uint16_t value);
-int char_to_short_bigending(const uint8_t* in);
-
-void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out);
-void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first);
-
-// Local bit n is bit n % 32 of little-endian word n / 32 of local_bit.
-// These do not take the segment semaphore. A bit outside the local bit area
-// (local_areas.h; none before local_areas_init) reads as 0 and is not written.
-uint32_t get_bit(int n);
-void set_bit(int n);
-void clear_bit(int n);
-
-int GetMin(int a, int b);
-int GetMax(int a, int b);
-
-// Driver families with special byte order handling.
-bool is_siemens_driver(int plc_driver_no);   // 1, 21, 169, 450, 452, 454, 456, 480, 510, 522, 550
-bool is_s2_driver(int plc_driver_no);        // 38, 39, 57

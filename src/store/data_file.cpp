@@ -9,7 +9,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "server/paths.h"
+#include "base/byte_order.h"
+#include "base/paths.h"
 #include "store/addressing.h"
 
 namespace {
@@ -184,7 +185,7 @@ void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int
 PlcRegDatFd PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags)
 {
     {
-        std::lock_guard<std::mutex> guard(arr.lock);
+        std::lock_guard guard(arr.lock);
         if (const int slot = find_open_locked(arr, key); slot >= 0) {
             return pin_locked(arr, slot);
         }
@@ -194,7 +195,7 @@ PlcRegDatFd PlcRegDatArr_GetFileFd(PlcRegDatArr& arr, uint32_t key, int flags)
     if (fd <= 0) {
         return PlcRegDatFd{fd, -1};
     }
-    std::lock_guard<std::mutex> guard(arr.lock);
+    std::lock_guard guard(arr.lock);
     if (const int slot = find_open_locked(arr, key); slot >= 0) {
         // Cached meanwhile by another thread with the same port number.
         ::close(fd);
@@ -220,7 +221,7 @@ void PlcRegDatArr_ReleaseFileFd(PlcRegDatArr& arr, const PlcRegDatFd& f)
         }
         return;
     }
-    std::lock_guard<std::mutex> guard(arr.lock);
+    std::lock_guard guard(arr.lock);
     PlcRegDatEntry& e = arr.entries[f.slot];
     assert(e.fd == f.fd && e.users > 0);
     --e.users;
@@ -228,6 +229,7 @@ void PlcRegDatArr_ReleaseFileFd(PlcRegDatArr& arr, const PlcRegDatFd& f)
 
 void PlcRegDatArr_WriteFile(int fd, int32_t addr, int32_t length, const uint8_t* data)
 {
+    assert(!lock_rules::holds(lock_rules::DATA_FILES)); // never held across file I/O
     while (length > 0) {
         const int64_t logical = PlcRegDatArr_GetWriteDataOffset(fd, addr);
         if (logical < 0) {

@@ -18,6 +18,7 @@
 #include <mutex>
 #include <sys/types.h>
 
+#include "base/lock_rules.h"
 #include "driver/plc_abi.h"
 
 constexpr int PLC_REG_DAT_ENTRIES = 256;
@@ -38,7 +39,7 @@ struct PlcRegDatEntry {
 // another open) in the middle of a write.
 struct PlcRegDatArr {
     PlcRegDatEntry entries[PLC_REG_DAT_ENTRIES] = {};
-    std::mutex lock;
+    lock_rules::RuleMutex<lock_rules::DATA_FILES> lock;
 };
 
 // A descriptor borrowed for one store call. slot is the pinned entry, or -1

@@ -8,12 +8,12 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "server/globals.h"
-#include "server/paths.h"
-#include "server/protocol.h"
-#include "server/shm_sem.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
+#include "base/paths.h"
+#include "base/protocol.h"
+#include "base/shm_sem.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "tables/tables.h"
+#include "base/reg_addr.h"
 
 constexpr size_t LOCAL_DATA_MAX = 512;   // data bytes of one request
 constexpr size_t LOCAL_RW_BUF_SIZE = 128; // value buffer of a read-modify-write

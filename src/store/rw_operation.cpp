@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "base/byte_order.h"
 #include "store/addressing.h"
 
 const uint32_t power10_X[10] = {

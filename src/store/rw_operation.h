@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "tables/tables.h"
+#include "base/reg_addr.h"
 
 // Powers of ten used by the BCD conversions: 1, 10, ... 1000000000.
 extern const uint32_t power10_X[10];

@@ -1,7 +1,4 @@
 // List sentinels, the two table locks and the table flags.
-#include <cstring>
-
-#include "store/addressing.h"
 #include "tables/tables.h"
 
 FAT_node* FAT_link_head = nullptr;
@@ -12,13 +9,8 @@ RORT_node* RORT_link_head = nullptr;
 RORT_node* RORT_link_tail = nullptr;
 int32_t real_link_len = 0;
 
-std::shared_mutex rwlock;
-std::mutex mutex;
-
-bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b)
-{
-    return std::memcmp(&a, &b, sizeof(REG_ADDR)) == 0;
-}
+lock_rules::TablesLock rwlock;
+lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
 
 void links_init()
 {

@@ -2,6 +2,7 @@
 #include "tables/opt_builder.h"
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 
 #include "tables/table_ops.h"
@@ -135,6 +136,7 @@ void build_one_opt(int32_t start, int32_t len, FAT_node* fat, ORG_node* org, OPT
 
 void build_OPT_area(FAT_node* fat, OPT_node* pos, int32_t max_len, int32_t max_gap)
 {
+    assert(lock_rules::holds(lock_rules::TABLES_EXCLUSIVE));
     fat->opt_first = nullptr;
     ORG_node* r = fat->org_first;
     if (r == nullptr || r == ORT_link_tail || r == ORT_link_head || !same_area(*fat, r->reg_addr)) {
@@ -197,6 +199,7 @@ void build_OPT_area(FAT_node* fat, OPT_node* pos, int32_t max_len, int32_t max_g
 
 void delete_FAT(FAT_node* fat)
 {
+    assert(lock_rules::holds(lock_rules::TABLES_EXCLUSIVE));
     fat->change_state = 0;
     fat->opt_first = nullptr;
     fat->prev->next = fat->next;
@@ -230,7 +233,7 @@ bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& curs
         *wrapped = wrap;
     }
 
-    std::unique_lock<std::shared_mutex> lock(rwlock);
+    std::unique_lock lock(rwlock);
     bool handled = false;
     FAT_node* from = FAT_link_head->next;
     while (from != FAT_link_tail) {

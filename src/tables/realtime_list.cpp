@@ -1,6 +1,7 @@
 // Realtime request list operations.
 #include "tables/realtime_list.h"
 
+#include <cassert>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -85,6 +86,7 @@ bool pending_equal_read(const REG_ADDR& rec)
 
 RealtimeInsert insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int req_type, uint32_t owner)
 {
+    assert(lock_rules::holds(lock_rules::REALTIME_LIST));
     if (node == nullptr) {
         return RealtimeInsert::refused;
     }
@@ -113,6 +115,7 @@ RealtimeInsert insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int re
 
 RORT_node* find_realtime_link(const REG_ADDR& rec, const rw_oper& key, int req_type, uint32_t owner)
 {
+    assert(lock_rules::holds(lock_rules::REALTIME_LIST));
     RORT_node* newest_any = nullptr;
     for (RORT_node* n = RORT_link_tail->prev; n != RORT_link_head; n = n->prev) {
         if (n->retired || !same_request(n, rec, key, req_type)) {
@@ -130,6 +133,7 @@ RORT_node* find_realtime_link(const REG_ADDR& rec, const rw_oper& key, int req_t
 
 void delete_realtime_link(RORT_node* node)
 {
+    assert(lock_rules::holds(lock_rules::REALTIME_LIST));
     if (node == nullptr || node == RORT_link_head || node == RORT_link_tail) {
         return;
     }
@@ -141,7 +145,7 @@ void delete_realtime_link(RORT_node* node)
 
 RORT_node* check_realtime_link(int port)
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard lock(mutex);
     for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
         if (n->status == 0 && n->reg_addr.deviceport_id == port) {
             return n;

@@ -1,4 +1,4 @@
-// Stale-range sweeper and table dumps.
+// Stale-range sweeper: ages the ORG list and the realtime list and retires what nobody reads or collects.
 #include "tables/sweeper.h"
 
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "server/globals.h"
+#include "base/globals.h"
 #include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 
@@ -81,39 +81,4 @@ void service_thread()
         sleep(period);
         sweep_once();
     }
-}
-
-void through_FAT()
-{
-    puts("though FAT: \r");
-    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
-        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d\r\n",
-               f->deviceport_id, f->plc_id, f->reg_type, f->reg_id);
-    puts("\r");
-}
-
-void through_ORG()
-{
-    puts("though ORG: \r");
-    for (ORG_node* o = ORT_link_head->next; o != ORT_link_tail; o = o->next) {
-        const REG_ADDR& r = o->reg_addr;
-        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d, reg_addr_start=%d,"
-               "reg_data_width=%d, temp->status=%d\r\n",
-               r.deviceport_id, r.plc_id, r.reg_type, r.reg_id, r.reg_addr_start,
-               r.reg_data_width, o->status);
-    }
-    puts("\r");
-}
-
-void through_OPT(OPT_node* head, OPT_node* tail)
-{
-    puts("though OPT: \r");
-    for (OPT_node* o = head->next; o != tail; o = o->next) {
-        const REG_ADDR& r = o->reg_addr;
-        printf("deviceport_id=%d, plc_id=%d, reg_type=%d, reg_id=%d, reg_addr_start=%d,"
-               "reg_data_width=%d, \r\n",
-               r.deviceport_id, r.plc_id, r.reg_type, r.reg_id, r.reg_addr_start,
-               r.reg_data_width);
-    }
-    puts("\r");
 }

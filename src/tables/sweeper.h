@@ -1,5 +1,5 @@
 // Background sweeper that retires ranges nobody reads and realtime results
-// nobody collects, and the diagnostic dumps of the area tables.
+// nobody collects.
 #pragma once
 
 #include "tables/tables.h"
@@ -15,9 +15,3 @@ void sweep_once();
 
 // Thread entry: sleeps one period, sweeps, for ever.
 [[noreturn]] void service_thread();
-
-// Dumps; the caller holds rwlock (for through_OPT: owns the list, or holds
-// rwlock for writing).
-void through_FAT();
-void through_ORG();
-void through_OPT(OPT_node* head, OPT_node* tail);

@@ -2,12 +2,20 @@
 // composite operations that register and unregister a range.
 #include "tables/table_ops.h"
 
+#include <cassert>
 #include <ctime>
 #include <new>
+#include <utility>
 
-#include "store/addressing.h"
+#include "base/lock_rules.h"
 
 namespace {
+
+#ifndef NDEBUG
+// The lock each kind of operation needs (see table_ops.h).
+bool may_search() { return lock_rules::holds(lock_rules::TABLES); }
+bool may_link() { return lock_rules::holds(lock_rules::TABLES_EXCLUSIVE); }
+#endif
 
 uint32_t fat_key(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
 {
@@ -75,6 +83,7 @@ bool same_area(const REG_ADDR& a, const REG_ADDR& b) { return fat_key(a) == fat_
 
 FAT_node* check_FAT(const REG_ADDR& rec)
 {
+    assert(may_search());
     FAT_node* f = FAT_link_head->next;
     if (f == FAT_link_tail)
         return nullptr;
@@ -85,6 +94,7 @@ FAT_node* check_FAT(const REG_ADDR& rec)
 
 ORG_node* check_ORG(ORG_node* first, const REG_ADDR& rec)
 {
+    assert(may_search());
     const int32_t start = rec.reg_addr_start;
     const int16_t width = rec.reg_data_width;
 
@@ -129,6 +139,7 @@ FAT_node* find_FAT(const ORG_node* org)
 
 void insert_NULL_FAT(FAT_node* node, const REG_ADDR& rec)
 {
+    assert(may_link());
     copy_key(node, rec);
     node->prev = FAT_link_head;
     node->next = FAT_link_tail;
@@ -138,6 +149,7 @@ void insert_NULL_FAT(FAT_node* node, const REG_ADDR& rec)
 
 void insert_FAT(FAT_node* node, const REG_ADDR& rec, FAT_node* pos)
 {
+    assert(may_link());
     copy_key(node, rec);
     node->prev = pos->prev;
     node->next = pos;
@@ -147,6 +159,7 @@ void insert_FAT(FAT_node* node, const REG_ADDR& rec, FAT_node* pos)
 
 void insert_NULL_ORG(ORG_node* node, const REG_ADDR& rec)
 {
+    assert(may_link());
     node->age = 0;
     node->status = 0;
     node->part_status = 0;
@@ -160,6 +173,7 @@ void insert_NULL_ORG(ORG_node* node, const REG_ADDR& rec)
 
 void insert_ORG(ORG_node* node, const REG_ADDR& rec, ORG_node* pos)
 {
+    assert(may_link());
     node->refresh_time = static_cast<uint32_t>(time(nullptr));
     node->age = 0;
     node->part_status = 0;
@@ -173,6 +187,7 @@ void insert_ORG(ORG_node* node, const REG_ADDR& rec, ORG_node* pos)
 
 void delete_ORG(ORG_node* org)
 {
+    assert(may_link());
     delete[] org->data;
     org->data = nullptr;
     org->prev->next = org->next;
@@ -189,6 +204,7 @@ void FAT_START_ADDR(FAT_node* first_fat, ORG_node* org)
 
 void delete_ORT_FAT(FAT_node* fat, ORG_node* org)
 {
+    assert(may_link());
     if (fat->org_first != org) {
         FAT_START_ADDR(FAT_link_head->next, org);
         delete_ORG(org);
@@ -211,6 +227,7 @@ void delete_ORT_FAT(FAT_node* fat, ORG_node* org)
 
 OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
 {
+    assert(may_link());
     FAT_node* f = check_FAT(rec);
 
     if (f != nullptr && f != FAT_link_tail && same_area(*f, rec)) {
@@ -264,12 +281,31 @@ OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
     return {node, true};
 }
 
-void unregister_ORT_FAT(const REG_ADDR& rec)
+namespace {
+
+// The registered range equal to `rec` and its area, or nulls.
+std::pair<FAT_node*, ORG_node*> lookup_range(const REG_ADDR& rec)
 {
     FAT_node* f = check_FAT(rec);
     if (f == nullptr || f == FAT_link_tail || !same_area(*f, rec) || f->change_state == 2)
-        return;
+        return {nullptr, nullptr};
     ORG_node* pos = check_ORG(f->org_first, rec);
-    if (pos != ORT_link_head && reg_addr_equal(pos->reg_addr, rec))
-        delete_ORT_FAT(f, pos);
+    if (pos == ORT_link_head || !reg_addr_equal(pos->reg_addr, rec))
+        return {nullptr, nullptr};
+    return {f, pos};
+}
+
+} // namespace
+
+ORG_node* find_ORT_FAT(const REG_ADDR& rec)
+{
+    return lookup_range(rec).second;
+}
+
+void unregister_ORT_FAT(const REG_ADDR& rec)
+{
+    assert(may_link());
+    const auto [fat, org] = lookup_range(rec);
+    if (org != nullptr)
+        delete_ORT_FAT(fat, org);
 }

@@ -51,5 +51,9 @@ struct OrtFatResult {
 // area marked for a poll-block rebuild).
 OrtFatResult insert_ORT_FAT(const REG_ADDR& rec);
 
+// The range's ORG node when it is registered, else null. Only searches, so
+// rwlock held for reading is enough.
+ORG_node* find_ORT_FAT(const REG_ADDR& rec);
+
 // Deletes the range's ORG node if it is registered; ignores anything else.
 void unregister_ORT_FAT(const REG_ADDR& rec);

@@ -1,6 +1,7 @@
 // Helpers shared by the integration tests that talk to a running server:
-// register records, exact raw receives, the shared segment seen from
-// outside, and filters over the simulated plug-in's call log.
+// register records, exact raw receives, check polling, the shared segment
+// seen from outside, filters over the simulated plug-in's call log, and
+// running a program to its end.
 #pragma once
 
 #include <chrono>
@@ -11,11 +12,13 @@
 #include <stdexcept>
 #include <string>
 #include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
+#include "base/port_config.h"
 #include "comclient.h"
 #include "rig.h"
-#include "server/port_config.h"
 #include "sim_control.h"
 
 namespace itest {
@@ -81,6 +84,58 @@ inline comclient::Reply read_until_data(comclient::Client& c, const comclient::R
         return last.kind == comclient::ReplyKind::data;
     }, deadline);
     return last;
+}
+
+// Runs a program to its end; its exit status (-1 when it did not exit) and stdout.
+struct ProgramRun {
+    int status = -1;
+    std::string out;
+};
+inline ProgramRun run_program(const std::string& path, const std::vector<std::string>& args)
+{
+    int fds[2];
+    if (::pipe(fds) != 0)
+        return {};
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(fds[1], 1);
+        ::close(fds[0]);
+        std::vector<char*> argv{const_cast<char*>(path.c_str())};
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execv(path.c_str(), argv.data());
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    ProgramRun run;
+    char buf[256];
+    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;)
+        run.out.append(buf, static_cast<size_t>(n));
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+// Repeats check() while it answers "pending"; returns the first other reply.
+template <typename Check>
+comclient::Reply until_done(Check check)
+{
+    comclient::Reply last;
+    rig::eventually([&] { return !(last = check()).pending(); });
+    return last;
+}
+
+// A status reply [command][ok][err][sum] with the given error (0: ok).
+inline bool is_status(const comclient::Reply& r, uint8_t command, uint8_t err)
+{
+    return r.kind == comclient::ReplyKind::status && r.command == command && r.ok == (err == 0) && r.err == err;
+}
+inline bool is_error(const comclient::Reply& r, uint8_t err)
+{
+    return r.kind == comclient::ReplyKind::status && !r.ok && r.err == err;
 }
 
 inline Bytes le16s(std::initializer_list<uint16_t> words)

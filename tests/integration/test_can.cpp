@@ -1,5 +1,5 @@
 // A CAN port end to end: batch calls through the simulated plug-in, values
-// in the caches, and the pulse operation.
+// in the caches, and the bridge re-initialised after nine failures.
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -124,33 +124,6 @@ TEST(CanPort, PolledValuesAreBitExact)
     EXPECT_EQ(itest::read_until_data(c, dwords).data, want_dwords);
     EXPECT_EQ(itest::read_until_data(c, bits).data, (Bytes{0xE5, 0x38, 0x0B}));
     EXPECT_EQ(itest::read_until_data(c, wide_bits).data, (Bytes{0x96, 0x0F, 0xF0, 0xA5, 0xC3}));
-}
-
-TEST(CanPort, PulseWritesOneThenZero)
-{
-    auto sim = start_can_server(1);
-    SimControl& ctl = *sim->ctl;
-    // A slow station keeps the value 1 visible between the two writes.
-    sim_control_set_value(ctl, kBus, 2, kKind, 2, 5, 0x7777);
-    sim_control_set_station(ctl, kBus, 2, SIM_OK, 300);
-
-    comclient::Client c = itest::connect(*sim->server);
-    const RegAddr r = can_rec(2, 2, 5, 1);
-    comclient::RwOper pulse;
-    pulse.op = 256;
-    const uint64_t from = sim_control_call_count(ctl);
-    EXPECT_TRUE(c.realtime_rw(r, pulse).pending());
-    EXPECT_TRUE(rig::eventually([&] { return sim_control_get_value(ctl, kBus, 2, kKind, 2, 5) == 1; }, 5s));
-    comclient::Reply done;
-    ASSERT_TRUE(rig::eventually([&] { return !(done = c.realtime_rw_check(r, pulse)).pending(); }, 5s));
-    EXPECT_EQ(done.kind, comclient::ReplyKind::result);
-    EXPECT_EQ(sim_control_get_value(ctl, kBus, 2, kKind, 2, 5), 0u);
-
-    const std::vector<SimCall> writes = calls_of(ctl, SIM_CALL_WRITE, from);
-    ASSERT_EQ(writes.size(), 2u);
-    for (const SimCall& w : writes)
-        EXPECT_EQ((std::vector<int>{w.plc_id, w.start, w.count, w.result}), (std::vector<int>{2, 5, 1, 0}));
-    EXPECT_TRUE(sim->server->wait_for("function code =100\nrw function code 0x100\n"));
 }
 
 TEST(CanPort, NineFailuresReinitialiseTheBridge)

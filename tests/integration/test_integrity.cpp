@@ -17,7 +17,9 @@ using comclient::RegAddr;
 using comclient::Reply;
 using itest::Bytes;
 using itest::le16s;
+using itest::is_error;
 using itest::rec;
+using itest::until_done;
 
 namespace {
 
@@ -28,16 +30,6 @@ rig::PortSpec port(int driver, uint32_t bus)
     p.drv_param1 = bus;
     return p;
 }
-
-template <typename Check>
-Reply until_done(Check check)
-{
-    Reply last;
-    rig::eventually([&] { return !(last = check()).pending(); });
-    return last;
-}
-
-bool is_error(const Reply& r, uint8_t err) { return r.kind == comclient::ReplyKind::status && !r.ok && r.err == err; }
 
 Bytes file_bytes(const std::string& path)
 {

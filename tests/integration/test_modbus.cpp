@@ -45,12 +45,10 @@ rig::PortSpec modbus_port(const std::string& extra)
 // A write queued and collected; the final status reply.
 Reply write_and_wait(Client& c, const RegAddr& r, const Bytes& data)
 {
-    Reply last = c.write(r, data);
-    rig::eventually([&] { return !(last = c.writecheck(r)).pending(); });
-    return last;
+    c.write(r, data);
+    return itest::until_done([&] { return c.writecheck(r); });
 }
 
-bool failed_with(const Reply& r, uint8_t err) { return r.kind == ReplyKind::status && !r.ok && r.err == err; }
 
 class ModbusTcp : public ::testing::Test {
 protected:
@@ -115,10 +113,10 @@ TEST_F(ModbusTcp, WritesExceptionsAndLongRequests)
 
     // Read-only kinds are refused without a request; an exception reply is status 3.
     const size_t seen = peer_.requests().size();
-    EXPECT_TRUE(failed_with(write_and_wait(*client_, rec(0, kStation, 2, 3, 0, 1), le16s({1})), 3));
+    EXPECT_TRUE(itest::is_error(write_and_wait(*client_, rec(0, kStation, 2, 3, 0, 1), le16s({1})), 3));
     EXPECT_EQ(peer_.requests().size(), seen);
     Reply past;
-    EXPECT_TRUE(rig::eventually([&] { return failed_with(past = client_->com_read(rec(0, kStation, 2, 4, 2040, 20)), 3); }))
+    EXPECT_TRUE(rig::eventually([&] { return itest::is_error(past = client_->com_read(rec(0, kStation, 2, 4, 2040, 20)), 3); }))
         << ::testing::PrintToString(past.packet);
 
     // 200 registers travel as 125 + 75 read and 123 + 77 written.
@@ -146,7 +144,7 @@ TEST_F(ModbusTcp, StoppedStationTimesOutAndRecovers)
     const itest::Segment seg(server_->shmid(), false);
     const size_t mark = server_->output().size();
     peer_.stop();
-    EXPECT_TRUE(rig::eventually([&] { return failed_with(client_->com_read(r), 2); }));
+    EXPECT_TRUE(rig::eventually([&] { return itest::is_error(client_->com_read(r), 2); }));
     EXPECT_TRUE(server_->wait_for("Plc(1) NG", 5s, mark)) << server_->output().substr(mark);
     EXPECT_TRUE(seg.bit(kPortStateBit));
 

@@ -141,13 +141,16 @@ TEST_F(Protocol, FramingOfSplitCoalescedAndUnknownRequests)
     int one = 1;
     ::setsockopt(c.fd(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 
-    // Commands 0 and 11 get no reply: the next bytes are the 14-byte
-    // com_read_err_01 for the first read of an unknown PLC range.
+    // Commands 0 and 11, a com_read with 10 of its 16 record bytes and a
+    // realtime_rw without its operation block get no reply: the next bytes
+    // are the 14-byte com_read_err_01 for the first read of an unknown PLC range.
     const Bytes read = comclient::encode_record(Command::com_read, local_words(310, 2));
     Bytes zero = read;
     zero[10] = 0;
     zero.back() = comclient::check_sum(std::span(zero).subspan(10, zero.size() - 11));
-    c.send_raw(concat({zero, comclient::make_packet(11, Bytes{}),
+    const auto record = local_words(310, 2).encode();
+    c.send_raw(concat({zero, comclient::make_packet(11, Bytes{}), comclient::make_packet(3, Bytes(10, 0)),
+                       comclient::make_packet(9, Bytes(record.begin(), record.end())),
                        comclient::encode_record(Command::com_read, rec(0, 10, 2, 3, 0, 2))}));
     EXPECT_EQ(itest::recv_exact(c, 14), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 3, 0, 1, 4}));
 

@@ -16,7 +16,9 @@ using comclient::Reply;
 using comclient::ReplyKind;
 using comclient::RwOper;
 using itest::le16s;
+using itest::is_status;
 using itest::rec;
+using itest::until_done;
 
 namespace {
 
@@ -32,24 +34,6 @@ rig::Config one_port()
     rig::Config cfg;
     cfg.ports = {p};
     return cfg;
-}
-
-// A status packet [command][ok][err][sum].
-::testing::AssertionResult is_status(const Reply& r, uint8_t command, uint8_t err)
-{
-    if (r.kind == ReplyKind::status && r.command == command && r.ok == (err == 0) && r.err == err)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected status " << int(command) << "/" << int(err) << ", got "
-                                         << ::testing::PrintToString(r.packet);
-}
-
-// Repeats check() while it answers "pending"; returns the first other reply.
-template <typename Check>
-Reply until_done(Check check)
-{
-    Reply last;
-    rig::eventually([&] { return !(last = check()).pending(); });
-    return last;
 }
 
 // Driver calls (reads and writes) of one station from seq `from` on, oldest first.

@@ -13,8 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "rig.h"
-#include "server/port_config.h"
+#include "base/port_config.h"
+#include "itest_util.h"
 
 using namespace std::chrono_literals;
 
@@ -153,63 +153,13 @@ TEST(Startup, NoIpcObjectsOrProcessesLeftAfterStop)
     shmid_ds info{};
     EXPECT_EQ(::shmctl(shmid, IPC_STAT, &info), -1);
     EXPECT_EQ(::semctl(semid, 0, GETVAL), -1);
-    // ipcs lists neither object any more (ids are the second column).
-    const auto listed = [](const char* cmd, int id) {
-        FILE* p = ::popen(cmd, "r");
-        std::string out;
-        char buf[256];
-        while (p != nullptr && std::fgets(buf, sizeof buf, p) != nullptr) {
-            out += buf;
-        }
-        if (p != nullptr) {
-            ::pclose(p);
-        }
-        return out.find(" " + std::to_string(id) + " ") != std::string::npos;
-    };
-    EXPECT_FALSE(listed("ipcs -m", shmid));
-    EXPECT_FALSE(listed("ipcs -s", semid));
     EXPECT_TRUE(rig::eventually([&] { return ::kill(pid, 0) == -1 && errno == ESRCH; }, 5s));
 }
 
-namespace {
-
-// Runs comserver directly and returns everything it printed.
-std::string run_server(const std::vector<std::string>& args)
-{
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        return {};
-    }
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(fds[1], 1);
-        ::close(fds[0]);
-        std::vector<char*> argv{const_cast<char*>(COMSERVER_PATH)};
-        for (const auto& a : args) {
-            argv.push_back(const_cast<char*>(a.c_str()));
-        }
-        argv.push_back(nullptr);
-        ::execv(COMSERVER_PATH, argv.data());
-        ::_exit(127);
-    }
-    ::close(fds[1]);
-    std::string out;
-    char buf[256];
-    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;) {
-        out.append(buf, static_cast<size_t>(n));
-    }
-    ::close(fds[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return out;
-}
-
-} // namespace
-
 TEST(Startup, BadArgumentsEndTheServerWithAMessage)
 {
-    EXPECT_EQ(run_server({"1", "2"}), "usage: comserver MODE SHMID SEMID\r\n");
-    const std::string out = run_server({"1", "-1", "-1"});
+    EXPECT_EQ(itest::run_program(COMSERVER_PATH, {"1", "2"}).out, "usage: comserver MODE SHMID SEMID\r\n");
+    const std::string out = itest::run_program(COMSERVER_PATH, {"1", "-1", "-1"}).out;
     EXPECT_EQ(out.rfind("shmat error: ", 0), 0u) << out;
 }
 

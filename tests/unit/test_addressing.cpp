@@ -1,3 +1,4 @@
+// Client address normalisation, write splitting and the local bit primitives.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -5,9 +6,10 @@
 #include <tuple>
 #include <vector>
 
-#include "server/globals.h"
+#include "base/byte_order.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 
 namespace {
 
@@ -35,51 +37,6 @@ TEST(Addressing, ClientAddressNormalisation)
     }
 }
 
-TEST(Addressing, BitRecordWithAddressUnitIsReportedAndKept)
-{
-    for (auto fn : {reg_addr_change, write_reg_addr_change}) {
-        REG_ADDR r = make_rec(2, 0, 17, 5);
-        const REG_ADDR before = r;
-        testing::internal::CaptureStdout();
-        fn(r);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "reg_addr_change org_reg_addr->reg_type should not be zero!\n");
-        EXPECT_TRUE(reg_addr_equal(r, before));
-    }
-}
-
-TEST(Addressing, ModbusBitViews)
-{
-    struct { uint8_t id; int32_t s; int16_t n; uint8_t id2; int32_t s2; int16_t n2; } cases[] = {
-        {5, 20, 16, 3, 1, 2}, {6, 16, 16, 4, 1, 1}, {5, 0, 1, 3, 0, 1}, {5, 15, 2, 3, 0, 2},
-    };
-    for (const auto& c : cases) {
-        REG_ADDR r = make_rec(0, 0, c.s, c.n, c.id);
-        change_REG_ADDR_temp_to_Modbus_Extend(r, r.reg_id);
-        EXPECT_EQ(std::tuple(r.reg_id, r.reg_type, r.reg_addr_start, r.reg_data_width),
-                  std::tuple(c.id2, uint8_t{2}, c.s2, c.n2)) << c.s << "+" << c.n;
-    }
-
-    DrvRegAddr a{.reg_type = 2, .reg_id = 4, .reg_addr_start = 7};
-    EXPECT_EQ(change_Modbus_Extend_to_REG_ADDR_temp(a, 3), 48);
-    EXPECT_EQ(std::tuple(a.reg_id, a.reg_type, a.reg_addr_start), std::tuple(uint8_t{6}, uint8_t{0}, 112));
-
-    // Only the word kinds 3 and 4 of a Modbus port (driver 50) have bit views.
-    const auto saved = com_info;
-    com_info.assign(2, com_port_info{});
-    com_info[0].plc_driver_no = 5;
-    com_info[1].plc_driver_no = 50;
-    port_num = 2;
-    for (uint8_t id : {3, 4, 5, 6}) {
-        DrvRegAddr a{};
-        a.reg_id = id;
-        EXPECT_EQ(RegAddr_IsModbusExtend(1, a), (id == 3 || id == 4) ? 1 : 0) << int(id);
-        EXPECT_EQ(RegAddr_IsModbusExtend(0, a) + RegAddr_IsModbusExtend(2, a) + RegAddr_IsModbusExtend(-1, a), 0);
-    }
-    com_info = saved;
-    port_num = static_cast<int>(saved.size());
-}
-
 TEST(Addressing, WriteSplitting)
 {
     PlcParam p{};
@@ -103,36 +60,6 @@ TEST(Addressing, WriteSplitting)
         RegAddr_Add(d, c.count);
         EXPECT_EQ(d.reg_addr_start, 100 + c.count) << int(c.type) << "/" << c.unit;
     }
-}
-
-TEST(Addressing, ByteOrderAndBitArrays)
-{
-    uint8_t buf[] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
-    simens_change(buf, 2);
-    EXPECT_EQ(std::vector<uint8_t>(buf, buf + 8),
-              (std::vector<uint8_t>{0x33, 0x44, 0x11, 0x22, 0x77, 0x88, 0x55, 0x66}));
-
-    uint8_t out[4];
-    int_to_char_bigending(out, 0xA1B2C3D4u);
-    EXPECT_EQ(std::vector<uint8_t>(out, out + 4), (std::vector<uint8_t>{0xA1, 0xB2, 0xC3, 0xD4}));
-    EXPECT_EQ(char_to_int_bigending(out), 0xA1B2C3D4u);
-    short_to_char_bigending(out, 0xFFFE);
-    EXPECT_EQ(out[0] << 8 | out[1], 0xFFFE);
-    EXPECT_EQ(char_to_short_bigending(out), -2); // signed
-
-    const uint8_t packed[] = {0x05, 0x80};
-    uint8_t bytes[6] = {9, 9, 9, 9, 9, 9};
-    CvtBits2Bytes(packed, 0, 4, bytes);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 5), (std::vector<uint8_t>{1, 0, 1, 0, 9}));
-    CvtBits2Bytes(packed, 14, 2, bytes);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 2), (std::vector<uint8_t>{0, 1}));
-
-    uint8_t bits[2] = {0xFF, 0x00};
-    const uint8_t in[] = {0, 2, 3};   // only the lowest bit counts
-    CvtBytes2Bits(in, 3, bits, 6);
-    EXPECT_EQ(std::vector<uint8_t>(bits, bits + 2), (std::vector<uint8_t>{0x3F, 0x01}));
-    EXPECT_EQ(GetMin(-3, 2), -3);
-    EXPECT_EQ(GetMax(-3, 2), 2);
 }
 
 TEST(Addressing, LocalBitPrimitives)

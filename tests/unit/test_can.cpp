@@ -9,15 +9,13 @@
 #include <vector>
 
 #include "can/can_port.h"
-#include "table_invariants.h"
-#include "tables/realtime_list.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
 namespace {
 
 constexpr int PORT = 2;
-using Bytes = std::vector<uint8_t>;
 
 // What the stand-in driver was asked and what it answers. Queued results
 // are taken one per call, 0 once the queue is empty.
@@ -70,7 +68,7 @@ class Can : public testing::Test {
 protected:
     void SetUp() override
     {
-        reset_area_tables();
+        reset_tables();
         fake = &driver;
         t->port = PORT;
         t->drv = CanDriver{nullptr, fake_read, fake_write, fake_canopen};
@@ -80,13 +78,8 @@ protected:
     }
     void TearDown() override
     {
-        {
-            std::lock_guard lock(mutex);
-            while (RORT_link_head->next != RORT_link_tail)
-                delete_realtime_link(RORT_link_head->next);
-        }
         opt_list_free(t->list_head, t->list_tail);
-        reset_area_tables();
+        reset_tables();
         fake = nullptr;
     }
 
@@ -136,19 +129,6 @@ TEST(CanLimits, DerivedFromTheRecordAndCappedToOneCall)
                   row.want)
             << row.words;
     }
-}
-
-TEST_F(Can, WideBlocksAreSplitAtBlockBoundaries)
-{
-    t->limits = can_block_limits(com_port_info{.max_words = 10, .max_bits = 32});
-    // Eight word blocks of 10 registers and two bit blocks: 82 entries.
-    for (int i = 0; i < 8; ++i)
-        reg(2, 100 * i, 10, 2);
-    reg(0, 3, 20);
-    reg(0, 64, 5);
-    poll();
-    // The bit area sorts first: 1 + 1 + 3 x 10 | 3 x 10 | 2 x 10.
-    EXPECT_EQ(driver.batch_sizes, (std::vector<int>{32, 30, 20}));
 }
 
 TEST_F(Can, FailuresCountReinitAndLaterCallsKeepCaches)

@@ -1,35 +1,16 @@
 // Time-out bookkeeping of the PLC stations, with fake driver entry points.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <deque>
-#include <filesystem>
-#include <fstream>
 #include <tuple>
-#include <vector>
 
-#include "port/com_state.h"
-#include "server/globals.h"
-#include "store/addressing.h"
-#include "store/data_file.h"
-#include "store/local_areas.h"
+#include "unit_util.h"
+
+using namespace table_test;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 time_t fake_now = 1000;   // the steady clock
 time_t wall_shift = 0;    // the wall clock reads fake_now + wall_shift
-std::deque<int> results; // scripted driver results; 0 once exhausted
-struct DriverCall { int32_t start, count; Bytes data; };
-std::vector<DriverCall> calls;
-
-int fake_driver(const DrvRegAddr* addr, DrvDataRef* ref, PlcParam*)
-{
-    calls.push_back({addr->reg_addr_start, ref->count, Bytes(ref->data, ref->data + 4)});
-    const int r = results.empty() ? 0 : results.front();
-    if (!results.empty()) results.pop_front();
-    return r;
-}
 
 DrvRegAddr drv(uint16_t plc, uint8_t type = 2, uint16_t unit = 0, int32_t start = 0, uint8_t id = 0)
 {
@@ -47,9 +28,9 @@ protected:
         com_state_wall_clock = [] { return fake_now + wall_shift; };
         fake_now = 1000;
         wall_shift = 0;
-        results.clear();
-        calls.clear();
-        op_.read_fn = op_.write_fn = fake_driver;
+        plc = FakePlc{};
+        op_.read_fn = fake_read;
+        op_.write_fn = fake_write;
     }
     void TearDown() override
     {
@@ -57,9 +38,7 @@ protected:
         local_areas_init(0, 0, 0);
         com_state_steady_clock = saved_steady_;
         com_state_wall_clock = saved_wall_;
-        VGlobComState& g = VGlobComState_Instance();
-        std::fill(std::begin(g.keys), std::end(g.keys), 0u);
-        g.count = g.slots = 0;
+        reset_tables();
     }
     int read(uint16_t plc, ComOper* op = nullptr)
     {
@@ -110,28 +89,6 @@ TEST_F(ComState, BackOffDecisions)
     EXPECT_EQ(ComStateItem_MustNormCom(item), 1);
 }
 
-TEST_F(ComState, NgAndOkArePrintedOnceSkippingNeedsBit9263AndRecoveryKeepsTheOrder)
-{
-    results = {2, 2, 2, 2, 2, 2, 2, 3};
-    testing::internal::CaptureStdout();
-    read(1);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(read(3), 2); // bit 9263 clear: never skipped
-    set_bit(LOCAL_BIT_SKIP_ENABLE);
-    read(5);
-    EXPECT_EQ(read(3), 2); // two stations seen with the bit set: station 3 is skipped
-    EXPECT_EQ(calls.size(), 7u);
-    clear_bit(LOCAL_BIT_SKIP_ENABLE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Plc(1) NG\n[C1000]\r\nPlc(3) NG\n[C1000]\r\nPlc(5) NG\n[C1000]\r\n");
-
-    fake_now = 1001;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(read(3), 3); // an error answer is an answer
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Plc(3) OK\n[C1001]\r\n");
-    EXPECT_TRUE(op_.item_count == 2 && op_.items[0].plc_id == 1 && op_.items[1].plc_id == 5);
-    EXPECT_EQ(VGlobComState_Find(VGlobComState_Instance(), 65536 + 3), -1);
-}
-
 TEST_F(ComState, GlobalTableSlots)
 {
     VGlobComState t;
@@ -154,7 +111,7 @@ TEST_F(ComState, SharedStateBits)
     testing::internal::CaptureStdout();
     op_.port = 1;
     const int word = LOCAL_WORD_STATION_STATE + 16 + 1; // station 20: bit 4
-    results = {2, 2, 2, 2};
+    plc.read_results = {2, 2, 2, 2};
     for (int i = 0; i < 3; ++i) read(20);
     EXPECT_FALSE(word_bit(word, 4)); // set at the fourth time-out in a row
     read(20);
@@ -165,8 +122,8 @@ TEST_F(ComState, SharedStateBits)
 
     ComOper port2{};
     port2.port = 2;
-    port2.read_fn = fake_driver;
-    results = {2};
+    port2.read_fn = fake_read;
+    plc.read_results = {2};
     read(4, &port2);
     EXPECT_TRUE(get_bit(LOCAL_BIT_PORT2_TIMEOUT) && get_bit(LOCAL_BIT_PORT_STATE + 2));
     EXPECT_GE(VGlobComState_Find(VGlobComState_Instance(), 3 * 65536 + 4), 0);
@@ -182,37 +139,15 @@ TEST_F(ComState, LongWriteIsSplitAndStopsAtTheFirstFailedPiece)
     DrvRegAddr addr = drv(1, 2, 1, 100);
     DrvDataRef ref{10, buf_};
     EXPECT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 0);
-    ASSERT_EQ(calls.size(), 3u); // addresses count registers whatever the unit
-    EXPECT_EQ(calls[1].start, 104);
-    EXPECT_EQ(std::tuple(calls[2].start, calls[2].count, calls[2].data[0]), std::tuple(108, 2, uint8_t{16}));
+    ASSERT_EQ(plc.calls.size(), 3u); // addresses count registers whatever the unit
+    EXPECT_EQ(plc.calls[1].addr.reg_addr_start, 104);
+    EXPECT_EQ(std::tuple(plc.calls[2].addr.reg_addr_start, plc.calls[2].count, plc.calls[2].data[0]),
+              std::tuple(108, 2, uint8_t{16}));
 
-    calls.clear();
-    results = {0, 3}; // an error answer ends the write as a time-out would
+    plc.calls.clear();
+    plc.write_results = {0, 3}; // an error answer ends the write as a time-out would
     EXPECT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 3);
-    EXPECT_EQ(calls.size(), 2u);
-}
-
-TEST_F(ComState, TransfersAreRecordedInTheDataFile)
-{
-    char tmpl[] = "/tmp/comstate_test_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    setenv("COMSERVER_DATA_DIR", tmpl, 1);
-    set_bit(PLC_REG_DAT_SWITCH_BIT);
-    op_.port = 3;
-    param_.plc_driver_no = 1; // Siemens family: double words recorded in the client's order
-    std::memcpy(buf_, "\x11\x22\x33\x44", 4);
-    DrvRegAddr addr = drv(1, 4, 1, 0, 9);
-    DrvDataRef ref{1, buf_};
-    ASSERT_EQ(ComOper_Write(op_, &addr, &ref, &param_), 0);
-    std::ifstream in(std::string(tmpl) + "/30109.dat", std::ios::binary);
-    EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(in), {}), (Bytes{1, 0, 0, 0, 0x33, 0x44, 0x11, 0x22}));
-
-    for (PlcRegDatEntry& e : PlcRegDatArr_Instance().entries) {
-        if (e.fd > 0) close(e.fd);
-        e = PlcRegDatEntry{};
-    }
-    unsetenv("COMSERVER_DATA_DIR");
-    std::filesystem::remove_all(tmpl);
+    EXPECT_EQ(plc.calls.size(), 2u);
 }
 
 } // namespace

@@ -2,39 +2,17 @@
 // connection whose socket is one end of a socketpair.
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <numeric>
 #include <shared_mutex>
 
-#include "port/com_state.h"
 #include "server/commands.h"
-#include "store/local_areas.h"
-#include "table_invariants.h"
-#include "tables/realtime_list.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Handler = void (*)(Connection&, const uint8_t*);
-
-// Expected packets are built by hand, not with the builders under test.
-Bytes packet(Bytes body)
-{
-    const size_t len = body.size() + 1;
-    body.push_back(static_cast<uint8_t>(std::accumulate(body.begin(), body.end(), 0)));
-    body.insert(body.begin(), {1, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(len), static_cast<uint8_t>(len >> 8)});
-    return body;
-}
-
-Bytes status(uint8_t cmd, uint8_t ok, uint8_t err) { return packet({cmd, ok, err}); }
-
-Bytes data_reply(uint8_t cmd, Bytes data)
-{
-    data.insert(data.begin(), {cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)});
-    return packet(data);
-}
+const auto status = status_reply;
 
 void append_rec(Bytes& b, const REG_ADDR& r)
 {
@@ -64,8 +42,7 @@ class Commands : public testing::Test {
 protected:
     void SetUp() override
     {
-        reset_area_tables();
-        clear_requests();
+        reset_tables();
         local_short = seg_; // a local area of 32 words, no local bits
         local_areas_init(sizeof seg_, 0, sizeof seg_);
         semid = -1;
@@ -77,20 +54,12 @@ protected:
     }
     void TearDown() override
     {
-        clear_requests();
-        reset_area_tables();
+        reset_tables();
         com_info.clear();
         port_num = 0;
         local_short = nullptr;
         local_areas_init(0, 0, 0);
         port_threads = {};
-    }
-
-    static void clear_requests()
-    {
-        std::lock_guard lock(mutex);
-        while (RORT_link_head->next != RORT_link_tail)
-            delete_realtime_link(RORT_link_head->next);
     }
 
     // Runs a handler on the connection of client `id` and returns the reply it
@@ -123,6 +92,18 @@ protected:
     uint8_t seg_[64] = {};
     std::string out_;
 };
+
+TEST_F(Commands, ComReadRegistersOnceThenAnswersFromTheCache)
+{
+    const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 0, 2);
+    EXPECT_EQ(run(cmd_com_read, request(3, r)), status(3, 0, 1)); // registers the range
+    ORG_node* o = cache(r, 1, {0x11, 0x22, 0x33, 0x44});           // the same node, now polled
+    o->age = 2;
+    EXPECT_EQ(run(cmd_com_read, request(3, r)), data_reply(3, {0x11, 0x22, 0x33, 0x44}));
+    EXPECT_EQ(o->age, 0); // a read makes the range young again
+    o->status = 2;
+    EXPECT_EQ(run(cmd_com_read, request(3, r)), status(3, 0, 2));
+}
 
 TEST_F(Commands, SubReadOffsetsModbusBitsAndTimedOutStation)
 {
@@ -177,7 +158,7 @@ TEST_F(Commands, WriteAndWritecheck)
     // Short data are padded with zeros to the 6-byte range.
     EXPECT_EQ(run(cmd_write, request(5, make_rec(PLAIN_PORT, 1, 2, 1, 0, 3), {0xAA, 0xBB})), status(5, 0, 1));
     EXPECT_EQ(data(first()), (Bytes{0xAA, 0xBB, 0, 0, 0, 0}));
-    clear_requests();
+    reset_tables();
 
     // Longer data are kept whole; a byte address inside a 32-bit register
     // is found by its check; a write that got no answer reports err 2.
@@ -207,7 +188,7 @@ TEST_F(Commands, ReadModifyWriteLocalAtOnceAndPlcQueued)
 
     // Unknown operation codes are queued all the same (the port thread fails them).
     EXPECT_EQ(run(cmd_realtime_rw, request(9, r, rw_block({300, 1, 0, 0, 0, 0}))), status(9, 0, 1));
-    clear_requests();
+    reset_tables();
 
     // A request of 38 body bytes has value type 0; failures print their line.
     for (const auto& [st, line] : {std::pair<uint8_t, const char*>{2, "Write timeout\r\n"}, {3, "Write Error\r\n"}}) {

@@ -9,10 +9,10 @@
 #include <unistd.h>
 #include <vector>
 
-#include "server/globals.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
-#include "store/local_areas.h"
 
 namespace {
 

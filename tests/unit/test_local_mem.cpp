@@ -9,13 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include "server/globals.h"
-#include "store/local_areas.h"
 #include "store/local_mem.h"
+#include "unit_util.h"
+
+using namespace table_test;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t SHORT_OFF = 0x100;
 constexpr uint32_t SHORT_BYTES = 20000; // words 0..9999
@@ -26,20 +25,6 @@ constexpr size_t SEG_SIZE = BIT_OFF + BIT_BYTES;
 REG_ADDR rec(uint8_t id, uint8_t type, int32_t start, int16_t width)
 {
     return {.reg_type = type, .reg_id = id, .reg_addr_start = start, .reg_data_width = width};
-}
-
-// Expected packets, built by hand rather than with the builders under test.
-Bytes packet(Bytes body)
-{
-    body.push_back(static_cast<uint8_t>(std::accumulate(body.begin(), body.end(), 0)));
-    body.insert(body.begin(), {1, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(body.size()), 0});
-    return body;
-}
-
-Bytes data_reply(uint8_t cmd, Bytes data)
-{
-    data.insert(data.begin(), {cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)});
-    return packet(data);
 }
 
 class LocalMem : public ::testing::Test {
@@ -87,23 +72,6 @@ TEST(LocalAreas, SizesRunToTheOtherAreaOrTheSegmentEnd)
     EXPECT_EQ(sizes(1000, 600, 200), Sizes(400, 400));
     EXPECT_EQ(sizes(1000, 2000, 200), Sizes(0, 800));  // offset beyond the segment
     local_areas_init(0, 0, 0);
-}
-
-TEST_F(LocalMem, ReadsComeFromTheRightAreaBitsPackedLsbFirst)
-{
-    local_bit[3] = 0xFF; // bit area: must not show through 249
-    set_word(1, 0x4000); // word-area bit 30
-    set_word(2, 0x0100); // bit 40
-    set_word(3, 0x000A); // bits 49 and 51
-    EXPECT_EQ(local(rec(249, 0, 30, 20), 3), data_reply(3, {0x01, 0x04, 0x08})); // bit 51 stays out
-
-    // Bit writes to the word area print the range.
-    const uint8_t bits[] = {0x05};
-    testing::internal::CaptureStdout();
-    const Bytes written = write(rec(249, 0, 14, 3), bits, 1); // bits 14, 16 set, 15 cleared
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "start=14\r\nlength=3\r\n");
-    EXPECT_EQ(written, packet({5, 1, 0}));
-    EXPECT_EQ(Bytes(local_short, local_short + 4), (Bytes{0x00, 0x40, 0x01, 0x40})); // bit 30 kept
 }
 
 TEST_F(LocalMem, SramWordAddressing)

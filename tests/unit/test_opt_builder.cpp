@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/opt_builder.h"
 
 using namespace table_test;
@@ -24,7 +24,7 @@ protected:
     }
     void TearDown() override { opt_list_free(head, tail); reset_area_tables(); }
 
-    static void reg(const REG_ADDR& r) { ASSERT_NE(insert_ORT_FAT(r).org, nullptr); }
+    static void reg(const REG_ADDR& r) { ASSERT_NE(reg_range(r).org, nullptr); }
     static REG_ADDR word(uint8_t id, int32_t start, int16_t width) { return make_rec(1, 1, 2, id, start, width); }
 
     // Blocks of the list as "start-end<first range start/width>".
@@ -49,6 +49,7 @@ protected:
         SetUp();
         for (const Range& r : ranges)
             reg(word(3, r.start, r.width));
+        std::unique_lock lock(rwlock);
         build_OPT_area(FAT_link_head->next, head, len, gap);
         EXPECT_EQ(FAT_link_head->next->opt_first, head->next);
     }
@@ -91,46 +92,12 @@ TEST_F(OptBuilder, MergesRangesIntoBlocks)
     r.rec_tag = 5;
     r.addr_unit = 1;
     reg(r);
-    build_OPT_area(FAT_link_head->next, head, 64, 0);
+    {
+        std::unique_lock lock(rwlock);
+        build_OPT_area(FAT_link_head->next, head, 64, 0);
+    }
     r.rec_tag = r.addr_unit = r.bcd_flag = 0;
     EXPECT_TRUE(reg_addr_equal(head->next->reg_addr, r));
-}
-
-TEST_F(OptBuilder, PassBuildsOnlyItsPortInFatOrder)
-{
-    reg(make_rec(1, 1, 2, 3, 0, 10));
-    reg(make_rec(1, 1, 0, 3, 0, 40));    // bits: limit 16, gap 16
-    reg(make_rec(1, 1, 4, 3, 0, 40));    // double words: limit 32
-    reg(make_rec(1, 1, 1, 3, 0, 200));   // bytes: limit 128
-    reg(make_rec(2, 1, 2, 3, 0, 10));    // another port
-    EXPECT_FALSE(pass(3));
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(cursor, head);   // the list was empty when the cursor advanced
-    EXPECT_EQ(blocks(), (Blocks{"0-16<0/40>", "16-32<0/40>", "32-40<0/40>", "0-128<0/200>", "128-200<0/200>",
-                                "0-10<0/10>", "0-32<0/40>", "32-40<0/40>"}));
-    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
-        EXPECT_EQ(f->change_state, f->deviceport_id == 1 ? 0 : 1);
-    EXPECT_EQ(FAT_link_tail->prev->opt_first, nullptr);
-
-    // Nothing changed: nothing is handled, the cursor walks the blocks and
-    // reports the wrap from the last block.
-    bool wrapped = true;
-    EXPECT_FALSE(rebuild_OPT_links(1, head, tail, cursor, limits, &wrapped));
-    EXPECT_FALSE(wrapped);
-    EXPECT_EQ(cursor, nth_block(0));
-    cursor = nth_block(7);
-    rebuild_OPT_links(1, head, tail, cursor, limits, &wrapped);
-    EXPECT_TRUE(wrapped);
-    EXPECT_EQ(cursor, nth_block(0));
-
-    // Areas added before, between and after keep the blocks in FAT order.
-    for (const REG_ADDR& r : {make_rec(1, 0, 2, 9, 0, 1), make_rec(1, 1, 2, 2, 5, 1), make_rec(1, 2, 2, 0, 7, 1)})
-        reg(r);
-    reg(make_rec(1, 1, 2, 3, 2, 3));   // rebuilds the word area with the same result
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(blocks(), (Blocks{"0-1<0/1>", "0-16<0/40>", "16-32<0/40>", "32-40<0/40>", "0-128<0/200>",
-                                "128-200<0/200>", "5-6<5/1>", "0-10<0/10>", "0-32<0/40>", "32-40<0/40>",
-                                "7-8<7/1>"}));
 }
 
 TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
@@ -140,7 +107,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     pass(1);
 
     // The cursor advances onto A's only block; A goes, the cursor moves on.
-    unregister_ORT_FAT(word(1, 0, 10));
+    unreg_range(word(1, 0, 10));
     cursor = head;
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head->next);
@@ -155,7 +122,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     // The cursor advances onto the last area's block as that area goes:
     // nothing follows, so it parks on the head.
     cursor = nth_block(2);
-    unregister_ORT_FAT(word(3, 0, 10));
+    unreg_range(word(3, 0, 10));
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head);
     EXPECT_EQ(key_of(tail->prev->reg_addr), key_of(1, 1, 2, 2));
@@ -165,14 +132,14 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
 TEST_F(OptBuilder, EmptiedAndRefilledAreaIsRebuiltNotDeleted)
 {
     reg(word(1, 0, 10));
-    unregister_ORT_FAT(word(1, 0, 10));   // emptied before any pass: never had blocks
+    unreg_range(word(1, 0, 10));   // emptied before any pass: never had blocks
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(fat_count(), 0);
     EXPECT_EQ(head->next, tail);
 
     reg(word(1, 0, 10));
     pass(1);
-    unregister_ORT_FAT(word(1, 0, 10));
+    unreg_range(word(1, 0, 10));
     reg(word(1, 20, 4));   // refilled: change_state back to 1
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(blocks(), Blocks{"20-24<20/4>"});

@@ -2,10 +2,7 @@
 // on one thread, so they call the list operations without taking `mutex`.
 #include <gtest/gtest.h>
 
-#include <vector>
-
-#include "table_invariants.h"
-#include "tables/realtime_list.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
@@ -15,10 +12,17 @@ const rw_oper no_op{};
 
 class RealtimeList : public testing::Test {
 protected:
-    void SetUp() override { reset_area_tables(); TearDown(); }
-    void TearDown() override
+    void SetUp() override { reset_tables(); }
+    void TearDown() override { reset_tables(); }
+    static void collect_first()
     {
-        while (RORT_link_head->next != RORT_link_tail) delete_realtime_link(RORT_link_head->next);
+        std::lock_guard lock(mutex);
+        delete_realtime_link(RORT_link_head->next);
+    }
+    static RORT_node* find(const REG_ADDR& rec, const rw_oper& key, int type, uint32_t owner = 0)
+    {
+        std::lock_guard lock(mutex);
+        return find_realtime_link(rec, key, type, owner);
     }
 
     // Queues a request as the client commands do; the list may free it at once.
@@ -27,10 +31,10 @@ protected:
         RORT_node* n = new_realtime_node(cal_commbuf_size(rec));
         n->rw_oper.op_code = op;
         n->rw_oper.direction = 1;
-        last_insert = insert_realtime_link(n, rec, type, owner);
+        last_insert = queue_locked(n, rec, type, owner);
         return n;
     }
-    static RORT_node* find_read(uint32_t owner) { return find_realtime_link(a, no_op, 0, owner); }
+    static RORT_node* find_read(uint32_t owner) { return find(a, no_op, 0, owner); }
     // Nodes in the list, which must match the counter.
     static int queued()
     {
@@ -44,20 +48,6 @@ protected:
     static inline const REG_ADDR a = make_rec(1, 2, 2, 3, 100, 4);
     static inline RealtimeInsert last_insert{};
 };
-
-TEST_F(RealtimeList, NodeAllocation)
-{
-    RORT_node* n = new_realtime_node(-3);   // no data: still a one-byte buffer
-    ASSERT_NE(n, nullptr);
-    EXPECT_TRUE(n->data != nullptr && n->data_len == 0);
-    free_realtime_node(n);
-
-    n = new_realtime_node(5);
-    EXPECT_EQ(std::vector<uint8_t>(n->data, n->data + n->data_len), std::vector<uint8_t>(5, 0));
-    n->age = n->status = 3;
-    insert_realtime_link(n, a, 1);   // a queued node starts fresh
-    EXPECT_TRUE(n->age == 0 && n->status == 0 && n->req_type == 1 && reg_addr_equal(n->reg_addr, a));
-}
 
 TEST_F(RealtimeList, ChecksFindTheOwnersNewestRequest)
 {
@@ -93,44 +83,15 @@ TEST_F(RealtimeList, EqualReadsMergeOnlyIntoPendingOnesWithTheFlagAndCapacityIs2
     RORT_node* fresh = queue(a, 0, 0, 2);
     EXPECT_EQ(last_insert, RealtimeInsert::queued);
     EXPECT_EQ(find_read(2), fresh);
-    TearDown();
+    reset_tables();
 
     for (int i = 0; i < 2001; ++i) queue(make_rec(1, 1, 2, 3, i, 1), 1);
     queue(a, 0);
     EXPECT_EQ(last_insert, RealtimeInsert::refused);
     EXPECT_EQ(queued(), 2001);
-    delete_realtime_link(RORT_link_head->next);   // once one is collected there is room again
+    collect_first();   // once one is collected there is room again
     RORT_node* n = queue(a, 0);
     EXPECT_EQ(find_read(0), n);
-}
-
-TEST_F(RealtimeList, FindMatchesKindRecordAndOperationHead)
-{
-    RORT_node* rmw = queue(a, 2, 5);
-    RORT_node* rd = queue(a, 0);
-    rd->status = 1;   // status does not matter for lookup
-    rw_oper key{};
-    key.op_code = 5;
-    key.direction = 9;   // only the first 16 bytes take part
-    EXPECT_EQ(find_realtime_link(a, key, 2), rmw);
-    key.limit_low = 1;
-    EXPECT_EQ(find_realtime_link(a, key, 2), nullptr);
-    EXPECT_EQ(find_realtime_link(a, key, 0), rd);   // reads ignore the block
-    EXPECT_EQ(find_realtime_link(a, key, 1), nullptr);
-}
-
-TEST_F(RealtimeList, CheckReturnsOldestPendingOfItsPort)
-{
-    queue(make_rec(1, 1, 2, 3, 0, 1), 0)->status = 1;
-    queue(make_rec(2, 1, 2, 3, 0, 1), 0);
-    RORT_node* pending = queue(make_rec(1, 1, 2, 3, 10, 1), 1);
-    RORT_node* later = queue(make_rec(1, 1, 2, 3, 20, 1), 0);
-    EXPECT_EQ(check_realtime_link(1), pending);
-    pending->status = 2;
-    EXPECT_EQ(check_realtime_link(1), later);
-    later->status = 3;
-    EXPECT_EQ(check_realtime_link(1), nullptr);
-    EXPECT_NE(check_realtime_link(2), nullptr);
 }
 
 } // namespace

@@ -3,50 +3,15 @@
 // are completed as failed without a driver call.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <deque>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "port/port_thread.h"
-#include "table_invariants.h"
 #include "tables/opt_builder.h"
-#include "tables/realtime_list.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-// The fake PLC: a byte memory addressed as start * element size, with
-// scripted results (0 once a script is exhausted).
-struct DriverCall {
-    DrvRegAddr addr;
-    int32_t count;
-    Bytes data;
-};
-uint8_t plc_mem[8192];
-std::deque<int> read_results, write_results;
-std::vector<DriverCall> calls;
-
-int call(bool write, const DrvRegAddr* a, DrvDataRef* ref)
-{
-    const auto n = static_cast<size_t>(RegAddr_Bytes(*a, ref->count));
-    uint8_t* mem = plc_mem + static_cast<size_t>(a->reg_addr_start) * std::max<int>(a->reg_type, 1);
-    calls.push_back({*a, ref->count, write ? Bytes(ref->data, ref->data + n) : Bytes{}});
-    std::deque<int>& q = write ? write_results : read_results;
-    const int r = q.empty() ? 0 : q.front();
-    if (!q.empty())
-        q.pop_front();
-    if (r == 0)
-        std::memcpy(write ? mem : ref->data, write ? ref->data : mem, n);
-    return r;
-}
-int fake_read(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return call(false, a, ref); }
-int fake_write(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return call(true, a, ref); }
 
 rw_oper op(int32_t code, int32_t hi = 100) { return rw_oper{code, 1, hi, 0, 0, 0}; }
 
@@ -54,28 +19,10 @@ class RealtimeService : public testing::Test {
 protected:
     void SetUp() override
     {
-        reset_area_tables();
-        clear_requests();
-        std::memset(plc_mem, 0, sizeof plc_mem);
-        read_results.clear();
-        write_results.clear();
-        calls.clear();
+        reset_tables();
+        plc = FakePlc{};
     }
-    void TearDown() override
-    {
-        clear_requests();
-        reset_area_tables();
-        VGlobComState& g = VGlobComState_Instance();
-        std::fill(std::begin(g.keys), std::end(g.keys), 0u);
-        g.count = g.slots = 0;
-    }
-
-    static void clear_requests()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        while (RORT_link_head->next != RORT_link_tail)
-            delete_realtime_link(RORT_link_head->next);
-    }
+    void TearDown() override { reset_tables(); }
 
     // The thread of port 1 with the fake driver under the given number.
     static std::unique_ptr<PortThread> port(int driver_no)
@@ -97,7 +44,7 @@ protected:
         RORT_node* n = new_realtime_node(data_len >= 0 ? data_len : cal_commbuf_size(rec));
         std::copy_n(data.begin(), std::min<size_t>(data.size(), static_cast<size_t>(n->data_len)), n->data);
         n->rw_oper = rw;
-        std::lock_guard<std::mutex> lock(mutex);
+        std::lock_guard lock(mutex);
         insert_realtime_link(n, rec, type);
         return n;
     }
@@ -105,7 +52,7 @@ protected:
     // Serves one cycle with a fresh call log; returns the request's status.
     static int serve(PortThread& t, const RORT_node* n)
     {
-        calls.clear();
+        plc.calls.clear();
         port_serve_realtime(t);
         return n->status;
     }
@@ -115,41 +62,27 @@ protected:
     LocalBits bits;
 };
 
-TEST_F(RealtimeService, ReadRetriesAndLeavesCachesAlone)
-{
-    REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
-    rec.addr_unit = 1;
-    ORG_node* cached = insert_ORT_FAT(rec).org;
-    plc_mem[20] = 0x34;
-    RORT_node* n = queue(rec, 0);
-    read_results = {3, 0};
-    EXPECT_EQ(serve(*port(5), n), 1);
-    EXPECT_EQ(calls.at(1).addr.addr_unit, 0); // reads carry no address unit
-    EXPECT_EQ(data(n), (Bytes{0x34, 0, 0, 0}));
-    EXPECT_EQ(cache(cached), Bytes(4, 0));
-}
-
 TEST_F(RealtimeService, WriteRefreshesCachesUnlessByteAddressedWordsOfWordOrderDriver)
 {
     REG_ADDR rec = make_rec(1, 3, 2, 7, 10, 2);
     rec.addr_unit = 1;
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
     auto siemens = port(450), plain = port(5);
 
     EXPECT_EQ(serve(*siemens, queue(rec, 1, {1, 2, 3, 4})), 1);
-    EXPECT_EQ(calls.at(0).addr.addr_unit, 1);
+    EXPECT_EQ(plc.calls.at(0).addr.addr_unit, 1);
     EXPECT_EQ(cache(cached), Bytes(4, 0));
     EXPECT_EQ(serve(*plain, queue(rec, 1, {5, 6, 7, 8})), 1);
     EXPECT_EQ(cache(cached), (Bytes{5, 6, 7, 8}));
     EXPECT_EQ(serve(*plain, queue(rec, 1, {9, 9}, {}, 2)), 1); // the rest is sent as zeros
-    EXPECT_EQ(calls.at(0).data, (Bytes{9, 9, 0, 0}));
+    EXPECT_EQ(plc.calls.at(0).data, (Bytes{9, 9, 0, 0}));
     EXPECT_EQ(cache(cached), (Bytes{9, 9, 0, 0}));
 
     // Three failures: status of the last, every attempt sends the values, cache kept.
-    write_results = {2, 3, 3};
+    plc.write_results = {2, 3, 3};
     EXPECT_EQ(serve(*plain, queue(rec, 1, {7, 7, 7, 7})), 3);
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[2].data, (Bytes{7, 7, 7, 7}));
+    ASSERT_EQ(plc.calls.size(), 3u);
+    EXPECT_EQ(plc.calls[2].data, (Bytes{7, 7, 7, 7}));
     EXPECT_EQ(cache(cached), (Bytes{9, 9, 0, 0}));
 }
 
@@ -157,22 +90,22 @@ TEST_F(RealtimeService, PulseWritesOneThenZero)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
+    ORG_node* cached = reg_range(rec).org;
 
     // The first write fails: no resetting write, the cache already shows 1.
-    write_results = {2};
+    plc.write_results = {2};
     testing::internal::CaptureStdout();
     EXPECT_EQ(serve(*t, queue(rec, 2, {}, op(256))), 2);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("1:rw function code 0x100\n"), std::string::npos);
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].data, (Bytes{1, 0}));
+    ASSERT_EQ(plc.calls.size(), 1u);
+    EXPECT_EQ(plc.calls[0].data, (Bytes{1, 0}));
     EXPECT_EQ(cache(cached), (Bytes{1, 0}));
 
     // Success: 1, then 0 (retried), and the cache follows the request's data.
-    write_results = {0, 2};
+    plc.write_results = {0, 2};
     EXPECT_EQ(serve(*t, queue(rec, 2, {}, op(256))), 1);
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[2].data, (Bytes{0, 0}));
+    ASSERT_EQ(plc.calls.size(), 3u);
+    EXPECT_EQ(plc.calls[2].data, (Bytes{0, 0}));
     EXPECT_EQ(cache(cached), (Bytes{0, 0}));
 }
 
@@ -180,13 +113,13 @@ TEST_F(RealtimeService, ReadModifyWrite)
 {
     auto t = port(5);
     const REG_ADDR rec = make_rec(1, 3, 2, 7, 4, 1);
-    ORG_node* cached = insert_ORT_FAT(rec).org;
-    plc_mem[8] = 41;
+    ORG_node* cached = reg_range(rec).org;
+    plc.mem[8] = 41;
 
     // A failed read: its status and no write.
-    read_results = {2};
+    plc.read_results = {2};
     EXPECT_EQ(serve(*t, queue(rec, 2, {}, op(5))), 2);
-    EXPECT_EQ(calls.size(), 1u);
+    EXPECT_EQ(plc.calls.size(), 1u);
 
     // An increment: request data and cache both see 42.
     RORT_node* inc = queue(rec, 2, {}, op(5));
@@ -201,34 +134,20 @@ TEST_F(RealtimeService, ReadModifyWrite)
     REG_ADDR split = make_rec(1, 3, 4, 7, 0, 2);
     split.addr_unit = 1;
     split.byte_offset = 2;
-    cached = insert_ORT_FAT(split).org;
+    cached = reg_range(split).org;
     const Bytes cells{0xEE, 0xEE, 0x00, 0x00, 0x05, 0x00, 0xEE, 0xEE};
     for (const auto& [driver, sent] : {std::pair{450, Bytes{6, 0, 0, 0}}, std::pair{38, Bytes{1, 0, 5, 0}}}) {
-        std::copy(cells.begin(), cells.end(), plc_mem);
+        std::copy(cells.begin(), cells.end(), plc.mem);
         RORT_node* n = queue(split, 2, {}, op(5, 1000000));
         EXPECT_EQ(serve(*port(driver), n), 1);
-        ASSERT_EQ(calls.size(), 2u);
-        EXPECT_EQ(calls[1].count, 1);
-        EXPECT_EQ(calls[1].data, sent);
+        ASSERT_EQ(plc.calls.size(), 2u);
+        EXPECT_EQ(plc.calls[1].count, 1);
+        EXPECT_EQ(plc.calls[1].data, sent);
         Bytes want = cells;
         std::copy(sent.begin(), sent.end(), want.begin() + 2);
         EXPECT_EQ(data(n), want);
         EXPECT_EQ(cache(cached), Bytes(8, 0));
     }
-}
-
-TEST_F(RealtimeService, ThreeRequestsPerCycleOfItsOwnPort)
-{
-    auto t = port(5);
-    std::vector<RORT_node*> reqs;
-    for (int i = 0; i < 4; ++i)
-        reqs.push_back(queue(make_rec(1, 3, 2, 7, i, 1), 0));
-    RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
-    EXPECT_EQ(serve(*t, reqs[2]), 1);
-    EXPECT_EQ(calls.size(), 3u);
-    EXPECT_EQ(reqs[3]->status, 0);
-    EXPECT_EQ(serve(*t, reqs[3]), 1);
-    EXPECT_EQ(other->status, 0);
 }
 
 TEST_F(RealtimeService, UnservableRequestsFailWithoutDriverCall)
@@ -238,7 +157,7 @@ TEST_F(RealtimeService, UnservableRequestsFailWithoutDriverCall)
     RORT_node* big_read = queue(make_rec(1, 3, 2, 7, 0, 2049), 0, {}, {}, 1);
     RORT_node* big_write = queue(make_rec(1, 3, 2, 7, 0, 2), 1, {}, {}, 4097);
     port_serve_realtime(*t);
-    RORT_node* negative = queue(make_rec(1, 3, 2, 7, 0, -4), 0, {}, {}, 1);
+    RORT_node* negative = queue(make_rec(1, 3, 2, 7, 0, -4), 0); // a node without data
     RORT_node* kind = queue(make_rec(1, 3, 2, 7, 0, 1), 0);
     kind->req_type = 7;
     RORT_node* fine = queue(make_rec(1, 3, 2, 7, 0, 2), 2, {}, op(-1)); // negative code: ordinary path
@@ -247,7 +166,7 @@ TEST_F(RealtimeService, UnservableRequestsFailWithoutDriverCall)
     for (RORT_node* n : {code, big_read, big_write, negative, kind})
         EXPECT_EQ(n->status, 3);
     EXPECT_EQ(fine->status, 1);
-    EXPECT_EQ(calls.size(), 2u); // the read and write of the last request only
+    EXPECT_EQ(plc.calls.size(), 2u); // the read and write of the last request only
 }
 
 TEST_F(RealtimeService, UnusableDriverFailsItsRequestsAndFreesEmptiedAreas)
@@ -261,13 +180,13 @@ TEST_F(RealtimeService, UnusableDriverFailsItsRequestsAndFreesEmptiedAreas)
         mine.push_back(queue(make_rec(1, 3, 2, 7, i, 1), i % 3, {}, op(5)));
     RORT_node* other = queue(make_rec(2, 3, 2, 7, 0, 1), 0);
     const REG_ADDR range = make_rec(1, 3, 2, 7, 0, 4);
-    insert_ORT_FAT(range);
-    unregister_ORT_FAT(range);   // its area is left empty, waiting for the port
+    reg_range(range);
+    unreg_range(range);   // its area is left empty, waiting for the port
     port_idle_cycle(*t);
     for (RORT_node* n : mine)
         EXPECT_EQ(n->status, 3);
     EXPECT_EQ(other->status, 0);
-    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(plc.calls.empty());
     EXPECT_EQ(FAT_link_head->next, FAT_link_tail);
     opt_list_free(t->list_head, t->list_tail);
 }

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "port/refresh.h"
-#include "table_invariants.h"
+#include "unit_util.h"
 #include "tables/opt_builder.h"
 
 using namespace table_test;
@@ -20,7 +20,7 @@ protected:
     void SetUp() override { reset_area_tables(); opt_list_init(head, tail); }
     void TearDown() override { opt_list_free(head, tail); reset_area_tables(); }
 
-    static ORG_node* reg(const REG_ADDR& r) { return insert_ORT_FAT(r).org; }
+    static ORG_node* reg(const REG_ADDR& r) { return reg_range(r).org; }
     static Bytes counting(const OPT_node& b, uint8_t from = 1)
     {
         Bytes v(static_cast<size_t>(std::max<int>(1, cal_commbuf_size(b.reg_addr))));
@@ -48,44 +48,6 @@ protected:
     OPT_node *head = nullptr, *tail = nullptr;
     LocalBits bits;
 };
-
-TEST_F(Refresh, BlocksFillGroupsAndTheLastBlockSetsTheFirstFailure)
-{
-    ORG_node* g1 = reg(make_rec(1, 1, 2, 3, 95, 10));
-    ORG_node* g2 = reg(make_rec(1, 1, 2, 3, 105, 15));
-    const Bytes b0 = read(2, 90, 10, 1, 200);
-    EXPECT_EQ(g1->status, 0);   // not its last block
-    const Bytes b1 = read(2, 100, 10, 1);
-    EXPECT_EQ(Bytes(g1->data, g1->data + 10), Bytes(b0.begin() + 10, b0.end()));
-    EXPECT_EQ(Bytes(g1->data + 10, g1->data + 20), Bytes(b1.begin(), b1.begin() + 10));
-    EXPECT_EQ(g1->status, 1);
-    EXPECT_NE(g1->refresh_time, 0u);
-    EXPECT_EQ(Bytes(g2->data, g2->data + 10), Bytes(b1.begin() + 10, b1.end()));
-    EXPECT_EQ(g2->status, 0);
-
-    // Over several blocks the first failure wins and failed blocks change no data.
-    std::memset(g2->data, 0xEE, 30);
-    read(2, 105, 5, 1);
-    read(2, 110, 5, 3);
-    read(2, 115, 5, 2);
-    EXPECT_EQ(g2->status, 3);
-    EXPECT_EQ(Bytes(g2->data + 10, g2->data + 30), Bytes(20, 0xEE));
-}
-
-TEST_F(Refresh, BitBlocksLandAtTheirBitOffset)
-{
-    ORG_node* g = reg(make_rec(1, 1, 0, 3, 0, 20));
-    std::memcpy(g->data, "\x05\xFF\x08", 3);
-    read(0, 3, 9, 1, 0xFF);   // group bits 3..10 set, 11 cleared
-    EXPECT_EQ(cache(g), (Bytes{0xFD, 0xF7, 0x08}));
-    // A group starting inside a bit block takes the block's bits from there;
-    // the cache bits past the group's end stay.
-    ORG_node* h = reg(make_rec(1, 1, 0, 3, 30, 5));
-    h->data[0] = 0xE0;
-    read(0, 28, 10, 1, 0xF0);   // block bits 4..8 set
-    EXPECT_EQ(h->data[0], 0xFC);
-    EXPECT_EQ(h->status, 1);
-}
 
 TEST_F(Refresh, CopiesStayInsideBothBuffers)
 {
@@ -149,7 +111,7 @@ TEST_F(Refresh, OneRegisterRefreshSkipsAreasAwaitingRebuild)
     // The block's first range is freed before the pass: nothing is touched
     // (ASan would report a use after free).
     rebuild(1, 0, 2);
-    unregister_ORT_FAT(head->next->org->reg_addr);
+    unreg_range(head->next->org->reg_addr);
     refresh_ORG_buff_omron(head->next, w, 1);
     EXPECT_TRUE(tables_consistent());
 }

@@ -4,7 +4,7 @@
 #include <random>
 #include <set>
 
-#include "table_invariants.h"
+#include "unit_util.h"
 
 using namespace table_test;
 
@@ -19,7 +19,7 @@ protected:
 
     ORG_node* reg(const REG_ADDR& r, bool expect_created = true)
     {
-        OrtFatResult res = insert_ORT_FAT(r);
+        OrtFatResult res = reg_range(r);
         EXPECT_NE(res.org, nullptr);
         EXPECT_EQ(res.created, expect_created);
         EXPECT_TRUE(tables_consistent());
@@ -27,7 +27,7 @@ protected:
     }
     void unreg(const REG_ADDR& r)
     {
-        unregister_ORT_FAT(r);
+        unreg_range(r);
         EXPECT_TRUE(tables_consistent());
     }
     // A range of area (1, plc, 2, id).
@@ -38,52 +38,6 @@ protected:
 
     LocalBits bits;
 };
-
-TEST_F(TableOps, EveryChangeOfAGroupMarksItsArea)
-{
-    ORG_node* o = reg(area(1, 0));
-    reg(area(1, 5));
-    FAT_node* f = FAT_link_head->next;
-    EXPECT_EQ(f->change_state, 1);
-    f->change_state = 0;
-    o->age = 1;
-    EXPECT_EQ(reg(area(1, 0), false), o);   // found again, nothing touched
-    EXPECT_EQ(o->age, 1);
-    // Not registered, other flag, or an unknown area: ignored.
-    unreg(area(1, 7));
-    unreg(make_rec(1, 1, 2, 1, 5, 1, 1));
-    unreg(area(7, 5));
-    EXPECT_EQ(f->change_state, 0);
-    unreg(area(1, 0));
-    EXPECT_EQ(f->change_state, 1);
-    unreg(area(1, 5));   // emptied: parked on the ORG head
-    EXPECT_EQ(f->change_state, 2);
-    EXPECT_EQ(f->org_first, ORT_link_head);
-    unreg(area(1, 5));
-    EXPECT_EQ(f->change_state, 2);
-    ORG_node* back = reg(area(1, 3));   // refilled: the same FAT node
-    EXPECT_EQ(fat_count(), 1);
-    EXPECT_EQ(f->change_state, 1);
-    EXPECT_EQ(f->org_first, back);
-}
-
-TEST_F(TableOps, RangesByStartWidestFirstThenArrivalAreasByUnsignedKey)
-{
-    reg(make_rec(1, 1, 2, 3, 10, 5));
-    reg(make_rec(1, 1, 2, 3, 0, 4));
-    reg(make_rec(1, 1, 2, 3, 10, 8));
-    ORG_node* b = reg(make_rec(1, 1, 2, 3, 10, 5, 1));   // records differ in one byte only
-    REG_ADDR tagged = make_rec(1, 1, 2, 3, 10, 5);
-    tagged.rec_tag = 7;
-    EXPECT_EQ(b->next, reg(tagged));
-    // Starts compare signed; a wider range at the first start becomes org_first.
-    EXPECT_EQ(FAT_link_head->next->org_first, reg(make_rec(1, 1, 2, 3, -5, 2)));
-    EXPECT_EQ(FAT_link_head->next->org_first, reg(make_rec(1, 1, 2, 3, -5, 300)));
-    reg(make_rec(200, 0, 2, 1, 0, 1));
-    reg(make_rec(1, 200, 2, 250, 0, 1));
-    EXPECT_EQ(org_ranges(), (Ranges{"-5/300", "-5/2", "0/4", "10/8", "10/5", "10/5", "10/5", "0/1", "0/1"}));
-    EXPECT_EQ(FAT_link_tail->prev->deviceport_id, 200);
-}
 
 TEST_F(TableOps, ParkedAreaSurvivesDeletionOfItsAnchor)
 {
@@ -144,12 +98,12 @@ TEST_F(TableOps, RandomSequencesKeepEveryInvariant)
             const std::string key(reinterpret_cast<const char*>(&r), sizeof r);
             const int op = pick(10);
             if (op < ((step / phase) % 2 == 0 ? 6 : 3)) {   // filling and draining phases
-                OrtFatResult res = insert_ORT_FAT(r);
+                OrtFatResult res = reg_range(r);
                 ASSERT_NE(res.org, nullptr);
                 ASSERT_EQ(res.created, model.insert(key).second) << "step " << step;
                 ASSERT_TRUE(reg_addr_equal(res.org->reg_addr, r));
             } else if (op < 9) {
-                unregister_ORT_FAT(r);
+                unreg_range(r);
                 model.erase(key);
             } else {
                 for (FAT_node *f = FAT_link_head->next, *next; f != FAT_link_tail; f = next) {

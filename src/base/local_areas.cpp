@@ -1,4 +1,4 @@
-#include "store/local_areas.h"
+#include "base/local_areas.h"
 
 namespace {
 

@@ -1,7 +1,9 @@
-#include "server/shm_sem.h"
+#include "base/shm_sem.h"
 
 #include <cerrno>
 #include <sys/sem.h>
+
+#include "base/lock_rules.h"
 
 namespace {
 
@@ -20,5 +22,15 @@ void sem_step(int semid, short op)
 
 } // namespace
 
-void shm_sem_take(int semid) { sem_step(semid, -1); }
-void shm_sem_give(int semid) { sem_step(semid, +1); }
+void shm_sem_take(int semid)
+{
+    lock_rules::taking(lock_rules::SEGMENT);
+    sem_step(semid, -1);
+    lock_rules::taken(lock_rules::SEGMENT);
+}
+
+void shm_sem_give(int semid)
+{
+    lock_rules::released(lock_rules::SEGMENT);
+    sem_step(semid, +1);
+}

@@ -1,6 +1,8 @@
-// Test helpers for the area tables: records, checkers of every ordering and
-// linkage rule of the FAT and ORG lists and of a port's block list, and a
-// reset of the global lists. Also used by the table fuzz target.
+// Helpers shared by the unit tests and the fuzz targets: records, checkers of
+// every ordering and linkage rule of the FAT and ORG lists and of a port's
+// block list, one reset of every process-wide list and table, a fake PLC
+// behind the block read/write entry points, and expected packets built by
+// hand (never with the builders under test).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,14 +10,20 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <numeric>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "server/globals.h"
+#include "base/globals.h"
+#include "base/local_areas.h"
+#include "driver/plc_abi.h"
+#include "port/com_state.h"
 #include "store/addressing.h"
-#include "store/local_areas.h"
 #include "tables/opt_builder.h"
+#include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 #include "tables/tables.h"
 
@@ -213,6 +221,7 @@ inline void reset_area_tables()
 {
     if (FAT_link_head == nullptr)
         return links_init();
+    std::unique_lock lock(rwlock);
     while (ORT_link_head->next != ORT_link_tail)
         delete_ORG(ORT_link_head->next);
     while (FAT_link_head->next != FAT_link_tail) {
@@ -221,6 +230,85 @@ inline void reset_area_tables()
         f->next->prev = FAT_link_head;
         delete f;
     }
+}
+
+// Empties the realtime list, the FAT and ORG lists and the station time-out table.
+inline void reset_tables()
+{
+    reset_area_tables();
+    {
+        std::lock_guard lock(mutex);
+        while (RORT_link_head->next != RORT_link_tail)
+            delete_realtime_link(RORT_link_head->next);
+    }
+    VGlobComState& g = VGlobComState_Instance();
+    std::fill(std::begin(g.keys), std::end(g.keys), 0u);
+    g.count = g.slots = 0;
+}
+
+using Bytes = std::vector<uint8_t>;
+
+// The fake PLC: a byte memory addressed as start * element size, with
+// scripted results (0 once a script is exhausted) and a log of every call.
+struct DriverCall {
+    DrvRegAddr addr;
+    int32_t count;
+    Bytes data; // what a write sent
+};
+struct FakePlc {
+    uint8_t mem[8192] = {};
+    std::deque<int> read_results, write_results;
+    std::vector<DriverCall> calls;
+};
+inline FakePlc plc;
+
+inline int fake_call(bool write, const DrvRegAddr* a, DrvDataRef* ref)
+{
+    const auto n = static_cast<size_t>(RegAddr_Bytes(*a, ref->count));
+    uint8_t* mem = plc.mem + static_cast<size_t>(a->reg_addr_start) * std::max<int>(a->reg_type, 1);
+    plc.calls.push_back({*a, ref->count, write ? Bytes(ref->data, ref->data + n) : Bytes{}});
+    std::deque<int>& q = write ? plc.write_results : plc.read_results;
+    const int r = q.empty() ? 0 : q.front();
+    if (!q.empty())
+        q.pop_front();
+    if (r == 0)
+        std::memcpy(write ? mem : ref->data, write ? ref->data : mem, n);
+    return r;
+}
+inline int fake_read(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return fake_call(false, a, ref); }
+inline int fake_write(const DrvRegAddr* a, DrvDataRef* ref, PlcParam*) { return fake_call(true, a, ref); }
+
+// A reply packet: header, body, checksum byte.
+inline Bytes packet(Bytes body)
+{
+    const size_t len = body.size() + 1;
+    body.push_back(static_cast<uint8_t>(std::accumulate(body.begin(), body.end(), 0)));
+    body.insert(body.begin(), {1, 0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(len), static_cast<uint8_t>(len >> 8)});
+    return body;
+}
+inline Bytes status_reply(uint8_t cmd, uint8_t ok, uint8_t err) { return packet({cmd, ok, err}); }
+inline Bytes data_reply(uint8_t cmd, Bytes data)
+{
+    data.insert(data.begin(), {cmd, 1, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)});
+    return packet(data);
+}
+
+// The table and list operations check in debug builds that their caller
+// holds the lock they need; tests call them through these.
+inline OrtFatResult reg_range(const REG_ADDR& r)
+{
+    std::unique_lock lock(rwlock);
+    return insert_ORT_FAT(r);
+}
+inline void unreg_range(const REG_ADDR& r)
+{
+    std::unique_lock lock(rwlock);
+    unregister_ORT_FAT(r);
+}
+inline RealtimeInsert queue_locked(RORT_node* n, const REG_ADDR& r, int req_type, uint32_t owner = 0)
+{
+    std::lock_guard lock(mutex);
+    return insert_realtime_link(n, r, req_type, owner);
 }
 
 // Points the global local bit area at a zeroed buffer for the test's life.

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "server/port_config.h"
+#include "base/port_config.h"
 
 extern int mode;              // 0: real driver plug-ins, otherwise simulation plug-ins
 extern int semid;             // semaphore set; semaphore 0 guards the segment

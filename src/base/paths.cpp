@@ -1,4 +1,4 @@
-#include "server/paths.h"
+#include "base/paths.h"
 
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-#include "server/globals.h"
+#include "base/globals.h"
 
 int mode = 0;
 int semid = -1;
