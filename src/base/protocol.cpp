@@ -31,17 +31,11 @@ const uint8_t realtime_rw_check_err_03[4] = {0x0a, 0x00, 0x03, 0x0d};
 
 namespace {
 
-void put_u16(uint8_t* p, uint16_t v)
-{
-    p[0] = static_cast<uint8_t>(v & 0xff);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-
 // Header: the first 8 bytes of head, then package_len.
 void write_header(uint8_t* out, const uint8_t* hd, uint16_t package_len)
 {
     std::memcpy(out, hd, 8);
-    put_u16(out + 8, package_len);
+    put_le16(out + 8, package_len);
 }
 
 // Data reply [command][1][u16 size][data][sum]; the caller has put the data
@@ -51,7 +45,7 @@ size_t finish_read_ack(uint8_t* out, const uint8_t* hd, uint16_t size, uint8_t c
     write_header(out, hd, static_cast<uint16_t>(size + 5));
     out[10] = command;
     out[11] = 1;
-    put_u16(out + 12, size);
+    put_le16(out + 12, size);
     out[14 + size] = check_sum(out + 10, size + 4);
     return size + 15u;
 }
@@ -109,10 +103,16 @@ size_t produce_rw_ack_pack(uint8_t* out, const uint8_t* hd, uint8_t result, uint
     return 14;
 }
 
+size_t produce_refusal_pack(uint8_t* out, uint8_t command)
+{
+    const uint8_t status[4] = {command, 0, 3, static_cast<uint8_t>(command + 3)};
+    return produce_ack_pack(out, head, status, 4);
+}
+
 size_t produce_sub_read_ack_pack(uint8_t* entry, uint16_t size, const uint8_t* data)
 {
     entry[0] = 1;
-    put_u16(entry + 1, size);
+    put_le16(entry + 1, size);
     std::memcpy(entry + 3, data, size);
     return size + 3u;
 }
@@ -131,16 +131,11 @@ size_t produce_sub_read_ack_pack_Modbus_Extend(uint8_t* entry, uint16_t count, c
                                                int bit_offset)
 {
     entry[0] = 1;
-    put_u16(entry + 1, count);
+    put_le16(entry + 1, count);
     uint8_t* bits = entry + 3;
     for (int i = 0; i < count; ++i) {
-        int b = bit_offset + i;
-        bool set = b >= 0 && ((words[b / 8] >> (b % 8)) & 1);
-        uint8_t mask = static_cast<uint8_t>(1u << (i % 8));
-        if (set)
-            bits[i / 8] |= mask;
-        else
-            bits[i / 8] &= static_cast<uint8_t>(~mask);
+        const int b = bit_offset + i;
+        put_bit(bits, i, b >= 0 && bit_of(words, b));
     }
     return 3u + (count + 7u) / 8u;
 }
@@ -157,7 +152,7 @@ uint8_t parse_REG_ADDR_NUM(const uint8_t* packet)
 
 uint16_t parse_package_len(const uint8_t* packet)
 {
-    return static_cast<uint16_t>(packet[8] | (packet[9] << 8));
+    return get_le16(packet + 8);
 }
 
 int cal_write_data_length(const uint8_t* packet)

@@ -55,6 +55,8 @@ size_t produce_ack_pack(uint8_t* out, const uint8_t* head, const uint8_t* packet
 size_t produce_read_ack_pack(uint8_t* out, const uint8_t* head, uint16_t size, uint8_t command, const uint8_t* data);
 size_t produce_read_ack_pack_simens(uint8_t* out, const uint8_t* head, uint16_t size, uint8_t command, const uint8_t* data);
 size_t produce_rw_ack_pack(uint8_t* out, const uint8_t* head, uint8_t result, uint8_t command);
+// [command][0][3][sum]: a request the server refuses.
+size_t produce_refusal_pack(uint8_t* out, uint8_t command);
 
 // Entries of the multi-area reply; each returns the entry length written.
 size_t produce_sub_read_ack_pack(uint8_t* entry, uint16_t size, const uint8_t* data);

@@ -48,9 +48,3 @@ size_t produce_node_sub_entry(uint8_t* entry, const REG_ADDR& rec, const uint8_t
     return form == ReplyForm::Swapped ? produce_sub_read_ack_pack_simens(entry, n, scratch)
                                       : produce_sub_read_ack_pack(entry, n, scratch);
 }
-
-size_t produce_refusal_pack(uint8_t* out, uint8_t command)
-{
-    const uint8_t status[4] = {command, 0, 3, static_cast<uint8_t>(command + 3)};
-    return produce_ack_pack(out, head, status, 4);
-}
