@@ -1,4 +1,4 @@
-// Packet builders and fixed status packets of the client protocol.
+// Packet builders of the client protocol.
 #include "base/protocol.h"
 
 #include <cstring>
@@ -6,28 +6,6 @@
 #include "base/byte_order.h"
 
 const uint8_t head[10] = {0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-
-// [command][ok][err][sum]; the acknowledgements are [command][1][sum].
-const uint8_t register_ok[3] = {0x01, 0x01, 0x02};
-const uint8_t unregister_ok[3] = {0x02, 0x01, 0x03};
-const uint8_t com_read_err_01[4] = {0x03, 0x00, 0x01, 0x04};
-const uint8_t com_read_err_02[4] = {0x03, 0x00, 0x02, 0x05};
-const uint8_t com_read_err_03[4] = {0x03, 0x00, 0x03, 0x06};
-const uint8_t realtime_read_err_01[4] = {0x04, 0x00, 0x01, 0x05};
-const uint8_t write_success[4] = {0x05, 0x01, 0x00, 0x06};
-const uint8_t write_err_01[4] = {0x05, 0x00, 0x01, 0x06};
-const uint8_t realtime_readcheck_err_01[4] = {0x06, 0x00, 0x01, 0x07};
-const uint8_t realtime_readcheck_err_02[4] = {0x06, 0x00, 0x02, 0x08};
-const uint8_t realtime_readcheck_err_03[4] = {0x06, 0x00, 0x03, 0x09};
-const uint8_t writecheck_success[4] = {0x07, 0x01, 0x00, 0x08};
-const uint8_t writecheck_err_01[4] = {0x07, 0x00, 0x01, 0x08};
-const uint8_t writecheck_err_02[4] = {0x07, 0x00, 0x02, 0x09};
-const uint8_t writecheck_err_03[4] = {0x07, 0x00, 0x03, 0x0a};
-const uint8_t com_realtime_read_err_01[4] = {0x08, 0x00, 0x01, 0x09};
-const uint8_t realtime_rw_err_01[4] = {0x09, 0x00, 0x01, 0x0a};
-const uint8_t realtime_rw_check_err_01[4] = {0x0a, 0x00, 0x01, 0x0b};
-const uint8_t realtime_rw_check_err_02[4] = {0x0a, 0x00, 0x02, 0x0c};
-const uint8_t realtime_rw_check_err_03[4] = {0x0a, 0x00, 0x03, 0x0d};
 
 namespace {
 
@@ -49,9 +27,6 @@ size_t finish_read_ack(uint8_t* out, const uint8_t* hd, uint16_t size, uint8_t c
     out[14 + size] = check_sum(out + 10, size + 4);
     return size + 15u;
 }
-
-// Largest data size whose data reply still fits the reply buffer.
-constexpr size_t MAX_READ_ACK_DATA = PACKET_BUF_SIZE - 15;
 
 }  // namespace
 
@@ -105,8 +80,7 @@ size_t produce_rw_ack_pack(uint8_t* out, const uint8_t* hd, uint8_t result, uint
 
 size_t produce_refusal_pack(uint8_t* out, uint8_t command)
 {
-    const uint8_t status[4] = {command, 0, 3, static_cast<uint8_t>(command + 3)};
-    return produce_ack_pack(out, head, status, 4);
+    return produce_ack_pack(out, head, status_error(command, REPLY_FAILED), 4);
 }
 
 size_t produce_sub_read_ack_pack(uint8_t* entry, uint16_t size, const uint8_t* data)
