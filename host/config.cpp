@@ -11,6 +11,8 @@
 #include <arpa/inet.h>
 #include <toml++/toml.h>
 
+#include "driver/driver_traits.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -58,7 +60,6 @@ std::optional<std::string> get_string(const toml::table& t, std::string_view key
     return v->get();
 }
 
-constexpr uint16_t MODBUS_DRIVER = 50;
 constexpr int64_t MODBUS_TIMEOUT_MAX_MS = 600000;
 constexpr int64_t SERIAL_BAUDS[] = {300, 600, 1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600};
 
@@ -126,7 +127,7 @@ void parse_modbus_keys(const toml::table& t, const std::string& where, HostPort&
 {
     com_port_info& r = port.record;
     if (port.plugin == HostPlugin::modbus && !t.contains("plc_driver_no"))
-        r.plc_driver_no = MODBUS_DRIVER;
+        r.plc_driver_no = MODBUS_DRIVER_NO;
     if ((t.contains("modbus_host") || t.contains("modbus_port")) && !t.contains("working_mode"))
         r.working_mode = WORKING_MODE_U;
     const bool tcp = r.working_mode == WORKING_MODE_U;

@@ -48,8 +48,7 @@ void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out)
         return;
     }
     for (int i = 0; i < count; ++i) {
-        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-        out[i] = (bits[b / 8] >> (b % 8)) & 1u;
+        out[i] = bit_of(bits, int64_t{first} + i) ? 1 : 0;
     }
 }
 
@@ -59,12 +58,6 @@ void CvtBytes2Bits(const uint8_t* in, int count, uint8_t* bits, int first)
         return;
     }
     for (int i = 0; i < count; ++i) {
-        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-        const auto mask = static_cast<uint8_t>(1u << (b % 8));
-        if (in[i] & 1u) {
-            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] | mask);
-        } else {
-            bits[b / 8] = static_cast<uint8_t>(bits[b / 8] & ~mask);
-        }
+        put_bit(bits, int64_t{first} + i, (in[i] & 1u) != 0);
     }
 }

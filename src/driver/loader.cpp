@@ -9,6 +9,7 @@
 #include "base/globals.h"
 #include "base/paths.h"
 #include "base/shm_sem.h"
+#include "driver/driver_traits.h"
 
 namespace {
 
@@ -20,31 +21,14 @@ const char* const ttyp_change[] = {
     "/dev/ttyS2", "/dev/ttyS1", "/dev/ttyS0", "/dev/ttyS4",
 };
 
-template <typename Fn>
-Fn lookup_as(void* handle, const char* name, const char* message)
-{
-    return reinterpret_cast<Fn>(driver_lookup(handle, name, message));
-}
-
-bool is_one_of(int v, std::initializer_list<int> set)
-{
-    for (int s : set) {
-        if (v == s) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void call_slave_main(void* handle, const com_port_info& rec, PlcParamBlock& param, const char* missing_message)
-{
-    auto slave = lookup_as<ev_plc_slave_main_fn>(handle, "ev_plc_slave_main", missing_message);
-    if (slave != nullptr) {
-        slave(rec.slave_arg, local_bit, local_short, semid, &param.param);
-    }
-}
-
 } // namespace
+
+void run_slave_main(ev_plc_slave_main_fn slave, int16_t slave_arg, PlcParam* param)
+{
+    if (slave != nullptr) {
+        slave(slave_arg, local_bit, local_short, semid, param);
+    }
+}
 
 std::string driver_library_path(int mode, int deviceport)
 {
@@ -145,25 +129,18 @@ void* driver_lookup(void* handle, const char* name, const char* message)
     return sym;
 }
 
-bool driver_uses_omron_entries(int driver_no, bool batch)
-{
-    return batch || is_one_of(driver_no, {19, 175, 236, 404, 422, 448, 460, 464, 1001, 1004, 1006});
-}
-
 PlcDriver load_driver(const com_port_info& rec, PortDevice& dev, PlcParamBlock& param)
 {
     const std::string path = driver_library_path(mode, rec.deviceport);
 
-    if (rec.plc_driver_no == 406 || rec.slave_flag != 0) {
+    if (driver_traits(rec.plc_driver_no).slave_pass || rec.slave_flag != 0) {
         void* h = driver_open(path);
         auto init = lookup_as<ev_plc_init_fn>(h, "ev_plc_init", "didn't find ev_plc_init");
         auto slave = lookup_as<ev_plc_slave_main_fn>(h, "ev_plc_slave_main", "didn't find ev_plc_slave_main");
         if (init != nullptr) {
             init(&dev, &param.param);
         }
-        if (slave != nullptr) {
-            slave(rec.slave_arg, local_bit, local_short, semid, &param.param);
-        }
+        run_slave_main(slave, rec.slave_arg, &param.param);
     }
 
     PlcDriver drv;
@@ -174,27 +151,26 @@ PlcDriver load_driver(const com_port_info& rec, PortDevice& dev, PlcParamBlock& 
     drv.init2 = lookup_as<ev_plc_init2_fn>(drv.handle, "ev_plc_init2", "didn't find ev_plc_init2");
 
     drv.driver_no = rec.plc_driver_no;
-    if (rec.plc_driver_no == 106) {
-        if (driver_lookup(drv.handle, "ev_OMRON_plc_read", nullptr) != nullptr) {
-            drv.driver_no = 1004;
-        }
+    const int runs_as = driver_traits(rec.plc_driver_no).with_batch_read_runs_as;
+    if (runs_as != 0 && driver_lookup(drv.handle, "ev_OMRON_plc_read", nullptr) != nullptr) {
+        drv.driver_no = runs_as;
     }
     std::printf("plc_driver_no=%d\r\n", static_cast<int16_t>(drv.driver_no));
 
-    drv.batch = is_one_of(drv.driver_no, {1002, 1003, 1005});
-    if (driver_uses_omron_entries(drv.driver_no, drv.batch)) {
+    if (driver_uses_batch_entries(drv.driver_no)) {
         drv.omron_read = lookup_as<ev_OMRON_plc_read_fn>(drv.handle, "ev_OMRON_plc_read", "didn't find ev_OMRON_plc_read");
         drv.omron_register = lookup_as<ev_OMRON_plc_register_fn>(drv.handle, "ev_OMRON_plc_register",
                                                                  "didn't find ev_OMRON_plc_register");
     }
 
-    if (drv.driver_no == 150 || drv.driver_no == 168) {
+    if (driver_traits(drv.driver_no).slave_main_on_load) {
         char message[80];
         std::snprintf(message, sizeof message, "didn't find ev_plc_slave_main for plc_driver_no=%d\r\n", drv.driver_no);
         if (driver_lookup(drv.handle, "ev_plc_slave_main", nullptr) == nullptr) {
             std::fputs(message, stdout);
         } else {
-            call_slave_main(drv.handle, rec, param, nullptr);
+            run_slave_main(lookup_as<ev_plc_slave_main_fn>(drv.handle, "ev_plc_slave_main", nullptr), rec.slave_arg,
+                           &param.param);
         }
     }
 
@@ -212,7 +188,7 @@ bool driver_usable(const PlcDriver& drv)
     if (drv.init == nullptr || drv.read == nullptr || drv.write == nullptr) {
         return false;
     }
-    if (driver_uses_omron_entries(drv.driver_no, drv.batch)) {
+    if (driver_uses_batch_entries(drv.driver_no)) {
         return drv.omron_read != nullptr && drv.omron_register != nullptr;
     }
     return true;

@@ -31,12 +31,8 @@ struct PlcDriver {
     ev_plc_write_fn write = nullptr;
     ev_OMRON_plc_read_fn omron_read = nullptr;
     ev_OMRON_plc_register_fn omron_register = nullptr;
-    int driver_no = 0;   // the thread's driver number: 106 runs as 1004 with ev_OMRON_plc_read
-    bool batch = false;  // drivers 1002, 1003, 1005
+    int driver_no = 0; // the number the thread runs as (with_batch_read_runs_as)
 };
-
-// True for the driver numbers whose plug-ins provide the batch entry points.
-bool driver_uses_omron_entries(int driver_no, bool batch);
 
 // The loading sequence of a serial or 'U' port, with its messages: the slave
 // start-up pass when asked for, the main pass, driver-number effects, and
@@ -49,4 +45,15 @@ bool driver_usable(const PlcDriver& drv);
 // dlsym with the loader's error state cleared first; prints message (when not
 // null) and returns null when the symbol is missing.
 void* driver_lookup(void* handle, const char* name, const char* message);
+
+// driver_lookup cast to the entry point's type.
+template <typename Fn>
+Fn lookup_as(void* handle, const char* name, const char* message)
+{
+    return reinterpret_cast<Fn>(driver_lookup(handle, name, message));
+}
+
+// Calls a slave entry point (when there is one) with the process's local
+// areas and segment semaphore.
+void run_slave_main(ev_plc_slave_main_fn slave, int16_t slave_arg, PlcParam* param);
 void* driver_open(const std::string& path);

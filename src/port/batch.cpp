@@ -10,6 +10,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "driver/driver_traits.h"
 #include "port/com_state.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"
@@ -23,9 +24,10 @@ bool is_block(const OPT_node* node) { return node != nullptr && node->next != nu
 
 bool bat_excluded(int reg_id) { return reg_id == 128 || reg_id == 129 || reg_id == 131 || reg_id == 132; }
 
-bool batch_excluded(int reg_id, int driver) { return driver != 236 && reg_id >= 128 && reg_id <= 133; }
-
-int value_width(int reg_type) { return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0; }
+bool batch_excluded(int reg_id, int driver)
+{
+    return !driver_traits(driver).batch_takes_reserved_ids && reg_id >= 128 && reg_id <= 133;
+}
 
 OPT_node* advance(OPT_node* node, int n)
 {
@@ -173,7 +175,7 @@ void copy_data(const OPT_node* block, const OmronEntry* entry, uint8_t* dst)
         }
         return;
     }
-    const int w = value_width(r.reg_type);
+    const int w = element_bytes(r.reg_type);
     if (w == 0) {
         return;
     }

@@ -17,11 +17,11 @@ constexpr int OPTO_MAX_BLOCKS = 100;
 // Number of blocks in the bat batch (driver 1001): the leading blocks worth
 // at most 127 words, stopping at reg_id 128, 129, 131, 132.
 int foud_bat_read_opt(OPT_node* list_head, OPT_node* list_tail);
-// Number of blocks in the opto batch (driver 404): at most 100.
+// Number of blocks in the opto batch: at most 100.
 int foud_opto_num(OPT_node* list_head, OPT_node* list_tail);
 // Number of blocks in the batch-class batch: the leading run of the first
-// station, stopping at reg_id 128..133 unless the driver is 236. Sets more
-// when blocks follow that the batch did not take.
+// station, stopping at reg_id 128..133 unless the driver's batches take them.
+// Sets more when blocks follow that the batch did not take.
 int foud_MQSC_bat_read_opt(OPT_node* list_head, OPT_node* list_tail, bool& more, int driver);
 
 // Words a block costs toward the bat limit: a bit block 1 when it stays

@@ -11,6 +11,8 @@
 #include "base/globals.h"
 #include "base/local_areas.h"
 #include "base/shm_sem.h"
+#include "driver/driver_traits.h"
+#include "port/port_thread.h"
 #include "port/refresh.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
@@ -25,8 +27,6 @@ time_t steady_seconds()
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec;
 }
-
-constexpr int WRITE_COPY_BYTES = 4096; // the port thread's data buffers are this size
 
 // The state bits live in the segment shared with the parent process and the
 // connection threads, which change their neighbours under the segment
@@ -95,9 +95,9 @@ int must_com(ComStateItem& item, int interval_div, int max_tries)
 // piece did.
 int write_pieces(ComOper& op, const DrvRegAddr& addr, const DrvDataRef& ref, PlcParam* param, int max)
 {
-    std::array<uint8_t, WRITE_COPY_BYTES> bits{};
+    std::array<uint8_t, PORT_BUF_SIZE> bits{};
     const bool bit_range = addr.reg_type == 0;
-    const int limit = bit_range ? std::min(max, 8 * WRITE_COPY_BYTES) : max;
+    const int limit = bit_range ? std::min(max, 8 * PORT_BUF_SIZE) : max;
     DrvRegAddr at = addr;
     for (int done = 0; done < ref.count;) {
         const int n = std::min(ref.count - done, limit);
@@ -226,8 +226,8 @@ int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* para
     DrvRegAddr copy = *addr;
     const int32_t count = ref->count;
     const int bytes = RegAddr_Bytes(*addr, count);
-    const bool recordable = ref->data != nullptr && bytes >= 0 && bytes <= WRITE_COPY_BYTES;
-    std::array<uint8_t, WRITE_COPY_BYTES> sent{};
+    const bool recordable = ref->data != nullptr && bytes >= 0 && bytes <= PORT_BUF_SIZE;
+    std::array<uint8_t, PORT_BUF_SIZE> sent{};
     if (recordable) {
         std::memcpy(sent.data(), ref->data, static_cast<size_t>(bytes));
     }

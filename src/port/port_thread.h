@@ -5,12 +5,14 @@
 #include <array>
 #include <cstdint>
 
+#include "base/protocol.h"
 #include "driver/loader.h"
 #include "port/com_state.h"
 #include "tables/opt_builder.h"
 #include "tables/tables.h"
 
-constexpr int PORT_BUF_SIZE = 4096;
+// The port thread's driver buffer and write copy hold one packet's data.
+constexpr int PORT_BUF_SIZE = static_cast<int>(PACKET_BUF_SIZE);
 constexpr int OMRON_ENTRIES = 1000;
 
 struct PortThread {
@@ -44,8 +46,8 @@ struct PortThread {
 
 // Driver classes of the poll loop.
 bool port_is_batch_class(const PortThread& t);
-bool port_is_bat(const PortThread& t);   // 1001
-bool port_is_opto(const PortThread& t);  // 404
+bool port_is_bat(const PortThread& t);
+bool port_is_opto(const PortThread& t);
 
 // Block limits of a port from its record and configured driver number.
 OPT_limits port_block_limits(const com_port_info& rec);

@@ -6,28 +6,20 @@
 #include <memory>
 #include <unistd.h>
 
+#include "driver/driver_traits.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"
 #include "store/addressing.h"
 
 namespace {
 
-bool is_one_of(int v, std::initializer_list<int> set)
-{
-    return std::find(set.begin(), set.end(), v) != set.end();
-}
-
 constexpr uint32_t LOCAL_BIT_SUSPEND_POLLING = 9923;
 
 } // namespace
 
-bool port_is_batch_class(const PortThread& t)
-{
-    return t.drv.batch || is_one_of(t.drv.driver_no, {19, 175, 236, 422, 448, 460, 464, 1004, 1006});
-}
-
-bool port_is_bat(const PortThread& t) { return t.drv.driver_no == 1001; }
-bool port_is_opto(const PortThread& t) { return t.drv.driver_no == 404; }
+bool port_is_batch_class(const PortThread& t) { return driver_traits(t.drv.driver_no).poll == PollClass::batch; }
+bool port_is_bat(const PortThread& t) { return driver_traits(t.drv.driver_no).poll == PollClass::bat; }
+bool port_is_opto(const PortThread& t) { return driver_traits(t.drv.driver_no).poll == PollClass::opto; }
 
 OPT_limits port_block_limits(const com_port_info& rec)
 {
@@ -35,13 +27,14 @@ OPT_limits port_block_limits(const com_port_info& rec)
     int max_bits = rec.max_bits;
     int word_gap = rec.word_gap;
     int bit_gap = rec.bit_gap;
-    const int drv = rec.plc_driver_no; // the overrides look at the configured number
-    if (is_one_of(drv, {175, 1001, 1002, 1003, 1004, 1005, 1006, 448, 460, 464, 19})) {
+    // The overrides look at the configured number.
+    const BlockSizing sizing = driver_traits(rec.plc_driver_no).sizing;
+    if (sizing == BlockSizing::one_register) {
         max_words = 1;
         max_bits = 16;
         word_gap = 0;
         bit_gap = 16;
-    } else if (drv == 236) {
+    } else if (sizing == BlockSizing::unlimited) {
         max_words = 0;
         max_bits = 0;
         word_gap = 0;
@@ -60,7 +53,7 @@ OPT_limits port_block_limits(const com_port_info& rec)
     l.word_gap = word_gap;
     l.dword_len = std::min((max_words + 1) / 2, PORT_BUF_SIZE / 4);
     l.dword_gap = dword_gap;
-    if (drv == 236) {
+    if (sizing == BlockSizing::unlimited) {
         l.byte_len = l.word_len;
         l.byte_gap = word_gap;
     } else {

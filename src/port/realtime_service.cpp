@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "base/byte_order.h"
+#include "driver/driver_traits.h"
 #include "port/com_state.h"
 #include "port/port_thread.h"
 #include "port/refresh.h"

@@ -17,12 +17,6 @@ int64_t buffer_bytes(const REG_ADDR& rec)
     return std::max<int64_t>(0, cal_commbuf_size(rec));
 }
 
-// Bytes of one register for the byte-wise copies (bits are copied apart).
-int64_t register_bytes(int reg_type)
-{
-    return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0;
-}
-
 // Copies n bytes from src + src_off to dst + dst_off, cut so that neither
 // buffer is left.
 void copy_bytes(uint8_t* dst, int64_t dst_cap, int64_t dst_off, const uint8_t* src, int64_t src_cap,
@@ -121,7 +115,7 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
                     bit_cpy(g->data, buf, n, static_cast<int>(gs - bs));
                 }
             } else {
-                const int64_t w = register_bytes(r.reg_type);
+                const int64_t w = element_bytes(r.reg_type);
                 copy_bytes(g->data, group_cap, (lo - gs) * w, buf, block_cap, (lo - bs) * w, cnt * w);
             }
         }
@@ -183,7 +177,7 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
         if (bs >= ge) {
             continue;
         }
-        const int64_t unit = r.reg_type == 0 ? 1 : register_bytes(r.reg_type);
+        const int64_t unit = r.reg_type == 0 ? 1 : element_bytes(r.reg_type);
         const int64_t len = (std::min(ge, be) - std::max(bs, gs)) * unit;
         const int64_t group_cap = buffer_bytes(r);
 
@@ -252,7 +246,7 @@ void refresh_writeOK_ORG(RealtimeImage image)
             tessel_bit_cpy(g->data, image.data, n, static_cast<int>(ws - gs));
         } else {
             // Byte groups take the written values as words and double words do.
-            const int64_t width = register_bytes(w.reg_type);
+            const int64_t width = element_bytes(w.reg_type);
             copy_bytes(g->data, group_cap, (ws - gs) * width, image.data, write_cap, 0, cnt * width);
         }
     }

@@ -3,17 +3,16 @@
 #include <mutex>
 
 #include "base/globals.h"
+#include "driver/driver_traits.h"
 #include "server/commands.h"
 #include "store/addressing.h"
 #include "tables/table_ops.h"
 
 namespace {
 
-constexpr int MODBUS_DRIVER = 50;
-
 // The largest cache a range may have: one data reply (15 bytes of framing)
 // must hold it, and so must the port thread's 4096-byte buffers.
-constexpr int MAX_RANGE_BYTES = static_cast<int>(PACKET_BUF_SIZE) - 15;
+constexpr int MAX_RANGE_BYTES = static_cast<int>(MAX_READ_ACK_DATA);
 
 const uint8_t* record_at(const uint8_t* packet, int i) { return packet + 12 + 16 * i; }
 
@@ -25,7 +24,7 @@ bool prepare_record(Connection& c, const uint8_t* rec_bytes)
     bool converted = false;
     const com_port_info* port = com_port(c.REG_ADDR_temp.deviceport_id);
     const uint8_t kind = c.REG_ADDR_temp.reg_id;
-    if (port != nullptr && port->plc_driver_no == MODBUS_DRIVER && (kind == 5 || kind == 6)) {
+    if (port != nullptr && driver_traits(port->plc_driver_no).modbus && (kind == 5 || kind == 6)) {
         c.modbus_orig = c.REG_ADDR_temp;
         change_REG_ADDR_temp_to_Modbus_Extend(c.REG_ADDR_temp, kind);
         converted = true;

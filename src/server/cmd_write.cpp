@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "port/port_thread.h"
 #include "server/commands.h"
 #include "server/reply_data.h"
 #include "store/addressing.h"
@@ -13,14 +14,11 @@
 
 namespace {
 
-// The port thread moves a request's data through 4096-byte buffers.
-constexpr int REQUEST_DATA_MAX = 4096;
-
 // A PLC request is queued only when its data fit the port thread's buffers.
 bool request_size_ok(const REG_ADDR& rec)
 {
     const int size = cal_commbuf_size(rec);
-    return size >= 1 && size <= REQUEST_DATA_MAX;
+    return size >= 1 && size <= PORT_BUF_SIZE;
 }
 
 // The read-modify-write block of commands 9 and 10; a request of fewer than

@@ -55,8 +55,3 @@ bool prepare_record(Connection& c, const uint8_t* rec_bytes);
 // the area tables.
 bool range_pollable(const REG_ADDR& rec);
 
-// reg_id classes.
-inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
-inline bool is_local_area(uint8_t reg_id) { return reg_id == 249 || reg_id == 254 || reg_id == 255; }
-inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
-inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }

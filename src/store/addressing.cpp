@@ -2,20 +2,11 @@
 
 #include <cstdio>
 
+#include "base/byte_order.h"
 #include "base/globals.h"
+#include "driver/driver_traits.h"
 
 namespace {
-
-// Signed 32-bit arithmetic that wraps instead of overflowing.
-int32_t wrap_add(int32_t a, int32_t b)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
-int32_t wrap_mul(int32_t a, int32_t b)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
 
 // Shared part of the read and write normalisation. grow_width: a byte address
 // that falls inside a 4-byte cell makes the range span one more cell.
@@ -74,7 +65,7 @@ int change_Modbus_Extend_to_REG_ADDR_temp(DrvRegAddr& addr, int count)
 int RegAddr_IsModbusExtend(int port, const DrvRegAddr& addr)
 {
     const com_port_info* info = com_port(port);
-    if (info == nullptr || info->plc_driver_no != 50) {
+    if (info == nullptr || !driver_traits(info->plc_driver_no).modbus) {
         return 0;
     }
     return (addr.reg_id == 3 || addr.reg_id == 4) ? 1 : 0;
@@ -85,7 +76,7 @@ int RegAddr_MaxWidth(const DrvRegAddr& addr, const PlcParam& param)
     if (addr.reg_type == 0) {
         return param.max_bits;
     }
-    const int bytes = param.plc_driver_no > 1000 ? 32 : 2 * param.max_words;
+    const int bytes = driver_write_piece_bytes(param.plc_driver_no, param.max_words);
     return bytes / addr.reg_type;
 }
 
@@ -120,31 +111,6 @@ int GetMin(int a, int b)
 int GetMax(int a, int b)
 {
     return a > b ? a : b;
-}
-
-bool is_siemens_driver(int plc_driver_no)
-{
-    switch (plc_driver_no) {
-    case 1:
-    case 21:
-    case 169:
-    case 450:
-    case 452:
-    case 454:
-    case 456:
-    case 480:
-    case 510:
-    case 522:
-    case 550:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool is_s2_driver(int plc_driver_no)
-{
-    return plc_driver_no == 38 || plc_driver_no == 39 || plc_driver_no == 57;
 }
 
 DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit)

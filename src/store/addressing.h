@@ -1,6 +1,5 @@
 // Register addressing: client address normalisation, the driver's form of a
-// range, Modbus bit views, write splitting and the driver families with
-// special byte order.
+// range, Modbus bit views and write splitting.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,3 @@ void RegAddr_Add(DrvRegAddr& addr, int count);
 
 int GetMin(int a, int b);
 int GetMax(int a, int b);
-
-// Driver families with special byte order handling.
-bool is_siemens_driver(int plc_driver_no);   // 1, 21, 169, 450, 452, 454, 456, 480, 510, 522, 550
-bool is_s2_driver(int plc_driver_no);        // 38, 39, 57

@@ -22,20 +22,6 @@ constexpr int64_t DIR_ENTRIES = PLC_REG_DAT_BLOCK / 4;
 constexpr int MAX_BITS_PER_CALL = 4096;                 // one byte per bit in the working buffer
 constexpr mode_t FILE_MODE = 0644;
 
-void put_le32(uint8_t* out, uint32_t v)
-{
-    out[0] = static_cast<uint8_t>(v);
-    out[1] = static_cast<uint8_t>(v >> 8);
-    out[2] = static_cast<uint8_t>(v >> 16);
-    out[3] = static_cast<uint8_t>(v >> 24);
-}
-
-uint32_t get_le32(const uint8_t* in)
-{
-    return static_cast<uint32_t>(in[0]) | static_cast<uint32_t>(in[1]) << 8 |
-           static_cast<uint32_t>(in[2]) << 16 | static_cast<uint32_t>(in[3]) << 24;
-}
-
 // Writes `length` zero bytes at the current position, in zero-block chunks.
 int64_t write_zeros(int fd, int64_t length)
 {
