@@ -1,3 +1,5 @@
+// Fork, exec and wait for the server. Between fork and exec the child makes
+// only async-signal-safe calls.
 #include "host/supervise.h"
 
 #include <atomic>

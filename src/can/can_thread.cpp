@@ -1,3 +1,5 @@
+// Start-up and main loop of a CAN port thread. All CAN ports share one SPI
+// mutex, handed to their driver with every call that touches the bridge.
 #include "can/can_thread.h"
 
 #include <cstdio>

@@ -1,3 +1,6 @@
+// Loading of driver plug-ins by dlopen and filling of the records handed to
+// them. Records are filled field by field from the port record; a field the
+// driver does not expect stays zero.
 #include "driver/loader.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// Byte order and start offset of the data answered for a cached or collected
+// value. Reply bytes go to the client as built here.
 #include "server/reply_data.h"
 
 #include <algorithm>

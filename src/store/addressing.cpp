@@ -1,3 +1,5 @@
+// Client and driver forms of register addresses and write splitting. Pure
+// functions of their arguments: no state, no locks.
 #include "store/addressing.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// Register data files. The descriptor table is guarded by arr.lock; in a
+// file, bytes 0..3 hold the status and byte L + 4 holds logical byte L.
 #include "store/data_file.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Reads and writes of the local areas and the SRAM file. Each access takes
+// semaphore 0 for its whole length and never sends while holding it.
 #include "store/local_mem.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Read-modify-write operations applied in place on the caller's value buffer,
+// which holds at least 8 bytes from the value's start.
 #include "store/rw_operation.h"
 
 #include <algorithm>
