@@ -1,3 +1,5 @@
+// Time-out bookkeeping and publication of station communication state.
+// Semaphore 0 is taken only while no table or realtime-list lock is held.
 #include "port/com_state.h"
 
 #include <algorithm>
@@ -166,14 +168,38 @@ int rmv_locked(VGlobComState& table, int index)
 
 } // namespace
 
+namespace {
+
+// The preamble every driver call shares: finds the station's time-out item
+// and, when several stations share the port, tells whether the station is
+// skipped this time. A skipped call counts as not good and is answered as a
+// time-out without reaching the driver. Cyclic polls back off by the normal
+// rule, realtime requests by the realtime rule.
+enum class CallKind { poll, realtime };
+
+bool skip_station(ComOper& op, const DrvRegAddr& addr, CallKind kind, int& index)
+{
+    index = ComOper_FindTimeoutItem(op, addr);
+    if ((op.flags & COM_OPER_MULTI_STATION) == 0) {
+        return false;
+    }
+    const int must = kind == CallKind::poll ? ComOper_MustNormCom(op, index) : ComOper_MustRtmCom(op, index);
+    if (must != 0) {
+        return false;
+    }
+    ++op.ng_count;
+    return true;
+}
+
+} // namespace
+
 com_state_clock_fn com_state_steady_clock = steady_seconds;
 com_state_clock_fn com_state_wall_clock = wall_seconds;
 
 int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustNormCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::poll, index)) {
         return COM_STATE_TIMEOUT;
     }
     DrvRegAddr copy = *addr;
@@ -195,9 +221,8 @@ int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* 
 
 int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::realtime, index)) {
         return COM_STATE_TIMEOUT;
     }
     DrvRegAddr copy = *addr;
@@ -215,9 +240,8 @@ int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* pa
 
 int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::realtime, index)) {
         return COM_STATE_TIMEOUT;
     }
 

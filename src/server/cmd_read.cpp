@@ -239,26 +239,14 @@ void cmd_realtime_readcheck(Connection& c, const uint8_t* packet)
 {
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
-    const REG_ADDR& rec = c.REG_ADDR_temp;
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(rec, ::rw_oper{}, 0, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0x6\r");
-        answer_status(c, realtime_readcheck_err_03);
-        return;
-    }
-    switch (r->status) {
-    case 0:
-        answer_status(c, realtime_readcheck_err_01);
-        return;
-    case 1:
-        answer(c, produce_node_reply(c.reply, CMD_REALTIME_READCHECK, r->reg_addr, r->data, cal_commbuf_size(rec)));
-        break;
-    case 2: answer_status(c, realtime_readcheck_err_02); break;
-    default: answer_status(c, realtime_readcheck_err_03); break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_REALTIME_READCHECK, realtime_readcheck_err_01, realtime_readcheck_err_02, realtime_readcheck_err_03,
+        [](Connection& conn, const RORT_node& r) {
+            answer(conn, produce_node_reply(conn.reply, CMD_REALTIME_READCHECK, r.reg_addr, r.data,
+                                            cal_commbuf_size(conn.REG_ADDR_temp)));
+        },
+        nullptr};
+    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, 0, answers);
 }
 
 void cmd_com_realtime_read(Connection& c, const uint8_t* packet)

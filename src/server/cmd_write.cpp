@@ -75,24 +75,11 @@ void cmd_writecheck(Connection& c, const uint8_t* packet)
     // for a byte address inside a 32-bit register.
     c.REG_ADDR_temp = packet_reg_addr(packet);
     write_reg_addr_change(c.REG_ADDR_temp);
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, ::rw_oper{}, 1, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0x7\r");
-        answer_status(c, writecheck_err_03);
-        return;
-    }
-    std::printf(" 0x7:status=%d\r\n", r->status);
-    switch (r->status) {
-    case 0:
-        answer_status(c, writecheck_err_01);
-        return;
-    case 1: answer_status(c, writecheck_success); break;
-    case 2: answer_status(c, writecheck_err_02); break;
-    default: answer_status(c, writecheck_err_03); break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_WRITECHECK, writecheck_err_01, writecheck_err_02, writecheck_err_03,
+        [](Connection& conn, const RORT_node&) { answer_status(conn, writecheck_success); },
+        [](int status) { std::printf(" 0x7:status=%d\r\n", status); }};
+    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, 1, answers);
 }
 
 namespace {
@@ -155,30 +142,18 @@ void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     c.rw_block = packet_rw_block(packet);
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, c.rw_block, 2, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0xa\r");
-        answer_status(c, realtime_rw_check_err_03);
-        return;
-    }
-    switch (r->status) {
-    case 0:
-        answer_status(c, realtime_rw_check_err_01);
-        return;
-    case 1:
-        answer(c, produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(r->rw_oper.direction),
-                                      CMD_REALTIME_RW_CHECK));
-        break;
-    case 2:
-        std::puts("Write timeout\r");
-        answer_status(c, realtime_rw_check_err_02);
-        break;
-    default:
-        std::puts("Write Error\r");
-        answer_status(c, realtime_rw_check_err_03);
-        break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_REALTIME_RW_CHECK, realtime_rw_check_err_01, realtime_rw_check_err_02, realtime_rw_check_err_03,
+        [](Connection& conn, const RORT_node& r) {
+            answer(conn, produce_rw_ack_pack(conn.reply, head, static_cast<uint8_t>(r.rw_oper.direction),
+                                             CMD_REALTIME_RW_CHECK));
+        },
+        [](int status) {
+            if (status == 2) {
+                std::puts("Write timeout\r");
+            } else if (status != 0 && status != 1) {
+                std::puts("Write Error\r");
+            }
+        }};
+    answer_check(c, c.REG_ADDR_temp, c.rw_block, 2, answers);
 }

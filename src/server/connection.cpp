@@ -1,3 +1,5 @@
+// Receive loop and dispatch of one client connection. A reply is sent only
+// after every lock its command took is released.
 #include "server/connection.h"
 
 #include <atomic>
@@ -144,6 +146,29 @@ void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command
     } else {
         answer_status(c, queued);
     }
+}
+
+void answer_check(Connection& c, const REG_ADDR& rec, const ::rw_oper& key, int req_type, const CheckAnswers& a)
+{
+    std::lock_guard lock(mutex);
+    RORT_node* r = find_realtime_link(rec, key, req_type, c.id);
+    if (r == nullptr) {
+        std::printf("REAL_WRITE Don't find the realtime_req 0x%x\r\n", a.command);
+        answer_status(c, a.failed);
+        return;
+    }
+    if (a.trace != nullptr) {
+        a.trace(r->status);
+    }
+    switch (r->status) {
+    case 0:
+        answer_status(c, a.not_yet);
+        return;
+    case 1: a.success(c, *r); break;
+    case 2: answer_status(c, a.no_answer); break;
+    default: answer_status(c, a.failed); break;
+    }
+    delete_realtime_link(r);
 }
 
 void dispatch_packet(Connection& c, const uint8_t* packet)
