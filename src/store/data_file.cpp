@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/byte_order.h"
+#include "base/ignore_result.h"
 #include "base/paths.h"
 #include "store/addressing.h"
 
@@ -163,7 +164,7 @@ void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int
     uint8_t word[4];
     put_le32(word, static_cast<uint32_t>(status));
     ::lseek(f.fd, 0, SEEK_SET);
-    (void)!::write(f.fd, word, sizeof word);
+    ignore_result(::write(f.fd, word, sizeof word));
     if (status == 1) {
         PlcRegDatArr_WriteFile(f.fd, addr, length, data);
     }
@@ -225,7 +226,7 @@ void PlcRegDatArr_WriteFile(int fd, int32_t addr, int32_t length, const uint8_t*
         }
         const int32_t n = std::min(PLC_REG_DAT_BLOCK - addr % PLC_REG_DAT_BLOCK, length);
         PlcRegDatArr_Seek2(fd, logical);
-        (void)!::write(fd, data, static_cast<size_t>(n));
+        ignore_result(::write(fd, data, static_cast<size_t>(n)));
         addr += n;
         data += n;
         length -= n;
@@ -300,7 +301,7 @@ int64_t PlcRegDatArr_NewBlock(int fd)
     }
     if (write_zeros(fd, PLC_REG_DAT_BLOCK) != PLC_REG_DAT_BLOCK) {
         // A partial block would shift every later block number: undo it.
-        (void)!::ftruncate(fd, old_len);
+        ignore_result(::ftruncate(fd, old_len));
         return -1;
     }
     return (old_len - 4) / PLC_REG_DAT_BLOCK;

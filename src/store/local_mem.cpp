@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "base/byte_order.h"
+#include "base/ignore_result.h"
 #include "base/globals.h"
 #include "base/local_areas.h"
 #include "base/paths.h"
@@ -181,14 +182,12 @@ bool sram_locate(const REG_ADDR& rec, const Span& sp, SramSpan& out)
 // Short or failed reads leave the zeroed buffers as they are.
 void sram_pread(int fd, uint8_t* buf, size_t len, off_t offset)
 {
-    const ssize_t got = ::pread(fd, buf, len, offset);
-    (void)got;
+    ignore_result(::pread(fd, buf, len, offset));
 }
 
 void sram_pwrite(int fd, const uint8_t* buf, size_t len, off_t offset)
 {
-    const ssize_t put = ::pwrite(fd, buf, len, offset);
-    (void)put;
+    ignore_result(::pwrite(fd, buf, len, offset));
 }
 
 // Checks that the SRAM file opened and where the range lies in it;
