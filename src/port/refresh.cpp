@@ -105,7 +105,7 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
         const int64_t hi = std::min(be, ge);
         const int64_t cnt = hi - lo;
 
-        if (status == 1 && buf != nullptr && g->data != nullptr) {
+        if (status == STATUS_OK && buf != nullptr && g->data != nullptr) {
             const int64_t group_cap = buffer_bytes(r);
             if (r.reg_type == 0) {
                 const int n = bounded_bits(cnt, group_cap, lo - gs, block_cap, lo - bs);
@@ -123,17 +123,17 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
         const int16_t st = static_cast<int16_t>(status);
         if (ge <= be) {
             // The block holds the group's end: the group's status is final.
-            if (lo == gs || g->part_status == 1) {
+            if (lo == gs || g->part_status == STATUS_OK) {
                 g->status = st;
             } else {
                 g->status = g->part_status;
             }
-            if (g->status == 1) {
+            if (g->status == STATUS_OK) {
                 g->refresh_time = now_seconds();
             }
         } else if (lo == gs) {
             g->part_status = st;
-        } else if (!(status == 1 && g->part_status > 1)) {
+        } else if (!(status == STATUS_OK && g->part_status > STATUS_OK)) {
             // A failure earlier in the group is kept until its end is read.
             g->part_status = st;
         }
@@ -219,12 +219,12 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
         const int64_t len = (std::min(ge, be) - std::max(bs, gs)) * unit;
 
         g->status = st;
-        if (status == 1 && buf != nullptr) {
+        if (status == STATUS_OK && buf != nullptr) {
             omron_copy_overlap(g, b, buf, len);
         }
-        if (ge <= be && g->status == 1) {
+        if (ge <= be && g->status == STATUS_OK) {
             g->status = st;
-            if (g->status == 1) {
+            if (g->status == STATUS_OK) {
                 g->refresh_time = now_seconds();
             }
         }

@@ -66,7 +66,7 @@ void cmd_write(Connection& c, const uint8_t* packet)
         std::memcpy(node->data, data, static_cast<size_t>(data_len));
     }
     std::lock_guard lock(mutex);
-    queue_request(c, node, 1, CMD_WRITE, write_err_01);
+    queue_request(c, node, REQ_WRITE, CMD_WRITE, write_err_01);
 }
 
 void cmd_writecheck(Connection& c, const uint8_t* packet)
@@ -79,7 +79,7 @@ void cmd_writecheck(Connection& c, const uint8_t* packet)
         CMD_WRITECHECK, writecheck_err_01, writecheck_err_02, writecheck_err_03,
         [](Connection& conn, const RORT_node&) { answer_status(conn, writecheck_success); },
         [](int status) { std::printf(" 0x7:status=%d\r\n", status); }};
-    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, 1, answers);
+    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, REQ_WRITE, answers);
 }
 
 namespace {
@@ -134,7 +134,7 @@ void cmd_realtime_rw(Connection& c, const uint8_t* packet)
         node->rw_oper = c.rw_block;
     }
     std::lock_guard lock(mutex);
-    queue_request(c, node, 2, CMD_REALTIME_RW, realtime_rw_err_01);
+    queue_request(c, node, REQ_RMW, CMD_REALTIME_RW, realtime_rw_err_01);
 }
 
 void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
@@ -149,11 +149,11 @@ void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
                                              CMD_REALTIME_RW_CHECK));
         },
         [](int status) {
-            if (status == 2) {
+            if (status == STATUS_NO_ANSWER) {
                 std::puts("Write timeout\r");
-            } else if (status != 0 && status != 1) {
+            } else if (status != STATUS_PENDING && status != STATUS_OK) {
                 std::puts("Write Error\r");
             }
         }};
-    answer_check(c, c.REG_ADDR_temp, c.rw_block, 2, answers);
+    answer_check(c, c.REG_ADDR_temp, c.rw_block, REQ_RMW, answers);
 }

@@ -161,11 +161,11 @@ void answer_check(Connection& c, const REG_ADDR& rec, const ::rw_oper& key, int 
         a.trace(r->status);
     }
     switch (r->status) {
-    case 0:
+    case STATUS_PENDING:
         answer_status(c, a.not_yet);
         return;
-    case 1: a.success(c, *r); break;
-    case 2: answer_status(c, a.no_answer); break;
+    case STATUS_OK: a.success(c, *r); break;
+    case STATUS_NO_ANSWER: answer_status(c, a.no_answer); break;
     default: answer_status(c, a.failed); break;
     }
     delete_realtime_link(r);
