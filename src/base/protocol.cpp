@@ -132,20 +132,20 @@ size_t produce_sub_read_ack_pack_Modbus_Extend(uint8_t* entry, uint16_t count, c
 
 uint8_t parse_command(const uint8_t* packet)
 {
-    return packet[10];
+    return packet[PKT_COMMAND];
 }
 
 uint8_t parse_REG_ADDR_NUM(const uint8_t* packet)
 {
-    return packet[11];
+    return packet[PKT_RECORD_COUNT];
 }
 
 uint16_t parse_package_len(const uint8_t* packet)
 {
-    return get_le16(packet + 8);
+    return get_le16(packet + PKT_PACKAGE_LEN);
 }
 
 int cal_write_data_length(const uint8_t* packet)
 {
-    return parse_package_len(packet) - 18;
+    return parse_package_len(packet) - BODY_ONE_RECORD;
 }

@@ -14,6 +14,19 @@ constexpr size_t PACKET_BUF_SIZE = 4096;
 // still fits the reply buffer.
 constexpr size_t MAX_READ_ACK_DATA = PACKET_BUF_SIZE - PACKET_HEADER_SIZE - 5;
 
+// Field offsets of a request, counted from the packet's first byte.
+constexpr size_t PKT_PACKAGE_LEN = 8;                  // u16 little-endian: body bytes after the header
+constexpr size_t PKT_COMMAND = PACKET_HEADER_SIZE;     // first body byte
+constexpr size_t RECORD_SIZE = 16;                     // one register address record
+constexpr size_t PKT_RECORD_COUNT = PKT_COMMAND + 1;   // count-prefixed requests (1, 2, 19)
+constexpr size_t PKT_RECORDS = PKT_RECORD_COUNT + 1;   // their records: record i at PKT_RECORDS + RECORD_SIZE * i
+constexpr size_t PKT_RECORD = PKT_COMMAND + 1;         // the one record of commands 3..10
+constexpr size_t PKT_DATA = PKT_RECORD + RECORD_SIZE;  // after it: write data (5), operation block (9, 10)
+
+// Body bytes of the fixed fields, command and sum included.
+constexpr int BODY_COUNTED_FIXED = 3;                 // command, count, sum
+constexpr int BODY_ONE_RECORD = 1 + RECORD_SIZE + 1;  // command, record, sum
+
 extern const uint8_t head[10];
 
 // Command codes.

@@ -289,7 +289,7 @@ void cmd_sub_read(Connection& c, const uint8_t* packet)
     uint16_t L = static_cast<uint16_t>(2 + 2 * n);
     constexpr size_t body_room = PACKET_BUF_SIZE - PACKET_HEADER_SIZE - 1;
     for (int i = 0; i < n; ++i) {
-        const bool modbus_view = prepare_record(c, packet + 12 + 16 * i);
+        const bool modbus_view = prepare_record(c, packet + PKT_RECORDS + RECORD_SIZE * i);
         const REG_ADDR& rec = c.REG_ADDR_temp;
         const size_t pos = PACKET_HEADER_SIZE + L;
         if (is_local_area(rec.reg_id)) {

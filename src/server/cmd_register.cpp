@@ -14,7 +14,7 @@ namespace {
 // must hold it, and so must the port thread's 4096-byte buffers.
 constexpr int MAX_RANGE_BYTES = static_cast<int>(MAX_READ_ACK_DATA);
 
-const uint8_t* record_at(const uint8_t* packet, int i) { return packet + 12 + 16 * i; }
+const uint8_t* record_at(const uint8_t* packet, int i) { return packet + PKT_RECORDS + RECORD_SIZE * i; }
 
 } // namespace
 

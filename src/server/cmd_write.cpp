@@ -27,7 +27,7 @@ bool request_size_ok(const REG_ADDR& rec)
 {
     ::rw_oper block{};
     const size_t n = parse_package_len(packet) >= 42 ? sizeof block : sizeof block - 4;
-    std::memcpy(&block, packet + 27, n);
+    std::memcpy(&block, packet + PKT_DATA, n);
     return block;
 }
 
@@ -38,7 +38,7 @@ void cmd_write(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     write_reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    const uint8_t* data = packet + 27;
+    const uint8_t* data = packet + PKT_DATA;
     const int data_len = std::max(cal_write_data_length(packet), 0);
     if (is_local_area(rec.reg_id)) {
         answer(c, write_local_mem(rec, data, data_len, c.reply));

@@ -78,10 +78,10 @@ int minimum_package_len(uint8_t command)
     switch (command) {
     case CMD_REGISTER:
     case CMD_UNREGISTER:
-    case CMD_SUB_READ: return 3;
+    case CMD_SUB_READ: return BODY_COUNTED_FIXED;
     case CMD_REALTIME_RW:
     case CMD_REALTIME_RW_CHECK: return 38;
-    default: return 18;
+    default: return BODY_ONE_RECORD;
     }
 }
 
@@ -318,13 +318,13 @@ int records_in_packet(const uint8_t* packet)
 {
     const int n = parse_REG_ADDR_NUM(packet);
     const int len = parse_package_len(packet);
-    const int fit = len >= 3 ? (len - 3) / 16 : 0;
+    const int fit = len >= BODY_COUNTED_FIXED ? (len - BODY_COUNTED_FIXED) / static_cast<int>(RECORD_SIZE) : 0;
     return n < fit ? n : fit;
 }
 
 REG_ADDR packet_reg_addr(const uint8_t* packet)
 {
     REG_ADDR r;
-    std::memcpy(&r, packet + 11, sizeof r);
+    std::memcpy(&r, packet + PKT_RECORD, sizeof r);
     return r;
 }
