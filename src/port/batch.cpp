@@ -186,7 +186,7 @@ void copy_data(const OPT_node* block, const OmronEntry* entry, uint8_t* dst)
 
 void refresh_bat_ORG(OPT_node* first, const OmronEntry* entry, uint8_t* buffer, int n, int status)
 {
-    const int file_status = (status == 1 || status == 2) ? status : 3;
+    const int file_status = (status == STATUS_OK || status == STATUS_NO_ANSWER) ? status : STATUS_FAILED;
     OPT_node* b = first;
     for (int i = 0; i < n && is_block(b); ++i, b = b->next) {
         const REG_ADDR& r = b->reg_addr;
