@@ -433,12 +433,8 @@ void add_rw_options(CLI::App* sub, Options& o)
     sub->add_flag("--short", o.short_form, "Send the 38-byte body without the value type field");
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+void add_global_options(CLI::App& app, Options& o)
 {
-    Options o;
-    CLI::App app{"comctl: talk to the communication server over its client protocol."};
     app.require_subcommand(1);
     app.fallthrough();
     app.footer(
@@ -455,26 +451,49 @@ int main(int argc, char** argv)
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
     app.add_flag("--float", o.as_float, "Show and write 32-bit values as IEEE single floats");
+}
 
+// A subcommand and what running it does.
+struct Action {
+    CLI::App* sub;
+    std::function<int(Runner&)> run;
+};
+
+// The cache subcommands: register, unregister, read, sub-read.
+void add_cache_subcommands(CLI::App& app, Options& o, std::vector<Action>& actions)
+{
+    using comclient::Command;
     auto* reg = app.add_subcommand("register", "Register ranges for cyclic polling (command 1)");
     add_record_options(reg, o, true);
+    actions.push_back({reg, [](Runner& r) { return r.areas(Command::register_areas); }});
     auto* unreg = app.add_subcommand("unregister", "Withdraw registered ranges (command 2)");
     add_record_options(unreg, o, true);
+    actions.push_back({unreg, [](Runner& r) { return r.areas(Command::unregister_areas); }});
     auto* read = app.add_subcommand("read", "Read one range from the cache (command 3); "
                                             "the first read registers it and answers err 1");
     add_record_options(read, o, false);
     add_watch_options(read, o);
+    actions.push_back({read, [](Runner& r) { return r.read(); }});
     auto* sub = app.add_subcommand("sub-read", "Read several ranges from the cache in one reply (command 19)");
     add_record_options(sub, o, true);
     add_watch_options(sub, o);
+    actions.push_back({sub, [](Runner& r) { return r.areas(Command::sub_read); }});
+}
+
+// The realtime subcommands: queue a request and collect its outcome.
+void add_realtime_subcommands(CLI::App& app, Options& o, std::vector<Action>& actions)
+{
+    using comclient::Command;
     auto* rt = app.add_subcommand("rt-read", "Queue a realtime read (command 4) and poll its outcome (command 6)");
     add_record_options(rt, o, false);
     add_poll_options(rt, o);
     add_watch_options(rt, o);
     rt->add_flag("--cache", o.cache,
                  "Ask with command 8: answered from the cache when registered ranges cover it, else queued");
+    actions.push_back({rt, [](Runner& r) { return r.rt_read(); }});
     auto* rtc = app.add_subcommand("rt-check", "Collect a realtime read once (command 6)");
     add_record_options(rtc, o, false);
+    actions.push_back({rtc, [](Runner& r) { return r.single(Command::realtime_readcheck); }});
     auto* wr = app.add_subcommand("write", "Write values (command 5) and poll the outcome (command 7)");
     add_record_options(wr, o, false);
     add_poll_options(wr, o);
@@ -482,16 +501,54 @@ int main(int argc, char** argv)
                    "Values, one per register: bits 0/1, bytes, 16-bit words, 32-bit words (little-endian); "
                    "--count defaults to their number");
     wr->add_option("--data,--hex", o.data_hex, "Raw data bytes in hex instead of values, e.g. 0102 or \"11 22 33 44\"");
+    actions.push_back({wr, [wr](Runner& r) { return r.write(wr->count("--count") > 0); }});
     auto* wrc = app.add_subcommand("write-check", "Collect the outcome of a write once (command 7)");
     add_record_options(wrc, o, false);
+    actions.push_back({wrc, [](Runner& r) { return r.single(Command::writecheck); }});
     auto* rw = app.add_subcommand("rw", "Read-modify-write (command 9) and poll the outcome (command 10)");
     add_record_options(rw, o, false);
     add_poll_options(rw, o);
     add_rw_options(rw, o);
+    actions.push_back({rw, [](Runner& r) { return r.rw(false); }});
     auto* rwc = app.add_subcommand("rw-check", "Collect a read-modify-write once (command 10); "
                                                "the block must match the one queued");
     add_record_options(rwc, o, false);
     add_rw_options(rwc, o);
+    actions.push_back({rwc, [](Runner& r) { return r.rw(true); }});
+}
+
+// Connects and runs the parsed subcommand; errors become exit statuses.
+int run_action(const Options& o, const std::vector<Action>& actions)
+{
+    try {
+        Client client(o.host, static_cast<uint16_t>(o.tcp_port), std::chrono::milliseconds(o.reply_timeout_ms));
+        Runner run(o, client);
+        for (const Action& a : actions) {
+            if (a.sub->parsed())
+                return a.run(run);
+        }
+    } catch (const UsageError& e) {
+        std::cerr << "comctl: " << e.what() << "\n";
+        return kExitUsage;
+    } catch (const comclient::Error& e) {
+        if (o.json)
+            std::cout << comctl::error_json(comclient::error_kind_name(e.kind()), e.what());
+        std::cerr << "comctl: " << comclient::error_kind_name(e.kind()) << ": " << e.what() << "\n";
+        return kExitUsage;
+    }
+    return kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options o;
+    CLI::App app{"comctl: talk to the communication server over its client protocol."};
+    add_global_options(app, o);
+    std::vector<Action> actions;
+    add_cache_subcommands(app, o, actions);
+    add_realtime_subcommands(app, o, actions);
 
     try {
         app.parse(argc, argv);
@@ -503,29 +560,5 @@ int main(int argc, char** argv)
         app.exit(e);
         return kExitUsage;
     }
-
-    try {
-        Client client(o.host, static_cast<uint16_t>(o.tcp_port), std::chrono::milliseconds(o.reply_timeout_ms));
-        Runner run(o, client);
-        using comclient::Command;
-        if (reg->parsed()) return run.areas(Command::register_areas);
-        if (unreg->parsed()) return run.areas(Command::unregister_areas);
-        if (read->parsed()) return run.read();
-        if (sub->parsed()) return run.areas(Command::sub_read);
-        if (rt->parsed()) return run.rt_read();
-        if (rtc->parsed()) return run.single(Command::realtime_readcheck);
-        if (wr->parsed()) return run.write(wr->count("--count") > 0);
-        if (wrc->parsed()) return run.single(Command::writecheck);
-        if (rw->parsed()) return run.rw(false);
-        if (rwc->parsed()) return run.rw(true);
-    } catch (const UsageError& e) {
-        std::cerr << "comctl: " << e.what() << "\n";
-        return kExitUsage;
-    } catch (const comclient::Error& e) {
-        if (o.json)
-            std::cout << comctl::error_json(comclient::error_kind_name(e.kind()), e.what());
-        std::cerr << "comctl: " << comclient::error_kind_name(e.kind()) << ": " << e.what() << "\n";
-        return kExitUsage;
-    }
-    return kExitUsage;
+    return run_action(o, actions);
 }

@@ -3,6 +3,7 @@
 #include <bit>
 #include <string>
 
+#include "base/byte_order.h"
 #include "comclient.h"
 
 namespace comclient {
@@ -22,26 +23,6 @@ void store_le(uint8_t* p, size_t width, uint32_t v)
 }
 
 namespace {
-
-void put_u16(uint8_t* p, uint16_t v)
-{
-    store_le(p, 2, v);
-}
-
-void put_u32(uint8_t* p, uint32_t v)
-{
-    store_le(p, 4, v);
-}
-
-uint16_t get_u16(const uint8_t* p)
-{
-    return static_cast<uint16_t>(load_le(p, 2));
-}
-
-uint32_t get_u32(const uint8_t* p)
-{
-    return load_le(p, 4);
-}
 
 [[noreturn]] void malformed(const std::string& what)
 {
@@ -74,7 +55,7 @@ void parse_multi_area(Reply& r, const uint8_t* body, size_t end)
         malformed("offset table longer than the reply");
     std::vector<uint16_t> offsets(n);
     for (size_t i = 0; i < n; ++i)
-        offsets[i] = get_u16(body + 2 + 2 * i);
+        offsets[i] = get_le16(body + 2 + 2 * i);
     std::vector<uint16_t> sorted(offsets);
     std::sort(sorted.begin(), sorted.end());
 
@@ -96,7 +77,7 @@ void parse_multi_area(Reply& r, const uint8_t* body, size_t end)
         if (flag != 1 || off + 3 > end)
             malformed("bad entry at offset " + std::to_string(off));
         e.ok = true;
-        e.size = get_u16(body + off + 1);
+        e.size = get_le16(body + off + 1);
         // The entry ends where the next one begins, or at the checksum.
         auto next = std::upper_bound(sorted.begin(), sorted.end(), static_cast<uint16_t>(off));
         size_t stop = next == sorted.end() ? end : std::min<size_t>(*next, end);
@@ -131,9 +112,9 @@ std::array<uint8_t, kRegAddrSize> RegAddr::encode() const
     b[3] = addr_unit;
     b[4] = type;
     b[5] = kind;
-    put_u16(&b[6], byte_offset);
-    put_u32(&b[8], static_cast<uint32_t>(start));
-    put_u16(&b[12], static_cast<uint16_t>(count));
+    put_le16(&b[6], byte_offset);
+    put_le32(&b[8], static_cast<uint32_t>(start));
+    put_le16(&b[12], static_cast<uint16_t>(count));
     b[14] = bcd;
     b[15] = reserved;
     return b;
@@ -148,9 +129,9 @@ RegAddr RegAddr::decode(const uint8_t* p)
     r.addr_unit = p[3];
     r.type = p[4];
     r.kind = p[5];
-    r.byte_offset = get_u16(p + 6);
-    r.start = static_cast<int32_t>(get_u32(p + 8));
-    r.count = static_cast<int16_t>(get_u16(p + 12));
+    r.byte_offset = get_le16(p + 6);
+    r.start = static_cast<int32_t>(get_le32(p + 8));
+    r.count = static_cast<int16_t>(get_le16(p + 12));
     r.bcd = p[14];
     r.reserved = p[15];
     return r;
@@ -174,7 +155,7 @@ std::array<uint8_t, kRwOperSize> RwOper::encode() const
     std::array<uint8_t, kRwOperSize> b{};
     const int32_t fields[6] = {op, step, high, low, direction, value_type};
     for (int i = 0; i < 6; ++i)
-        put_u32(&b[4 * i], static_cast<uint32_t>(fields[i]));
+        put_le32(&b[4 * i], static_cast<uint32_t>(fields[i]));
     return b;
 }
 
@@ -199,7 +180,7 @@ std::vector<uint8_t> make_packet(uint8_t command, std::span<const uint8_t> field
                                             " bytes exceeds " + std::to_string(kMaxPacket));
     std::vector<uint8_t> p(kHeaderSize + body, 0);
     p[0] = 0x01;
-    put_u16(&p[8], static_cast<uint16_t>(body));
+    put_le16(&p[8], static_cast<uint16_t>(body));
     p[10] = command;
     std::copy(fields.begin(), fields.end(), p.begin() + 11);
     p.back() = check_sum(std::span<const uint8_t>(p).subspan(kHeaderSize, body - 1));
@@ -255,7 +236,7 @@ Reply parse_reply(std::span<const uint8_t> packet)
 {
     if (packet.size() < kHeaderSize)
         malformed("shorter than its header");
-    size_t len = get_u16(packet.data() + 8);
+    size_t len = get_le16(packet.data() + 8);
     if (len < 2)
         malformed("package_len " + std::to_string(len));
     if (packet.size() != kHeaderSize + len)
@@ -300,7 +281,7 @@ Reply parse_reply(std::span<const uint8_t> packet)
         malformed("data reply without its 1 byte");
     r.kind = ReplyKind::data;
     r.ok = true;
-    r.size = get_u16(body + 2);
+    r.size = get_le16(body + 2);
     if (r.size != len - 5)
         malformed("size " + std::to_string(r.size) + " with " + std::to_string(len - 5) + " data bytes");
     r.data.assign(body + 4, body + end);

@@ -1,3 +1,5 @@
+// Parsing of comhost's TOML file into HostConfig. Every key is checked here,
+// with its place in the file in the message, so later code trusts HostConfig.
 #include "host/config.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Creation and removal of the System V segment and semaphore set. The
+// destructor removes whatever create made, also after a failed create.
 #include "host/ipc.h"
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+// Layout and filling of the shared segment. The offsets computed here are the
+// ones the server reads from the header; keep the two in step.
 #include "host/segment.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Fork, exec and wait for the server. Between fork and exec the child makes
+// only async-signal-safe calls.
 #include "host/supervise.h"
 
 #include <atomic>
@@ -11,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/ignore_result.h"
+
 namespace {
 
 // In the child between fork and exec: only async-signal-safe calls.
@@ -23,12 +27,12 @@ namespace {
         _exit(1);
     if (chdir(l.workdir.c_str()) != 0) {
         static const char msg[] = "comhost: cannot enter the plug-in directory\n";
-        (void)!write(2, msg, sizeof msg - 1);
+        ignore_result(write(2, msg, sizeof msg - 1));
         _exit(127);
     }
     execv(argv[0], argv);
     static const char msg[] = "comhost: cannot execute the server\n";
-    (void)!write(2, msg, sizeof msg - 1);
+    ignore_result(write(2, msg, sizeof msg - 1));
     _exit(127);
 }
 

@@ -1,3 +1,6 @@
+// Extent of the local areas found from the two area pointers and the mapping
+// that holds them. Every access the slave makes stays inside the extent found
+// here.
 #include "local_extent.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Modbus master of one port over libmodbus. Called only from its port thread;
+// no exception may leave this file.
 #include "modbus_master.h"
 
 #include <algorithm>

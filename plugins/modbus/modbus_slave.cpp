@@ -1,3 +1,5 @@
+// Modbus TCP slave thread over libmodbus. Local areas are touched only under
+// semaphore 0 and only inside their extent.
 #include "modbus_slave.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Live register memory of the simulated plug-in. Every access to the written-
+// register map holds mutex_.
 #include "sim_live.h"
 
 #include "sim_control.h"

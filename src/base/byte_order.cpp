@@ -23,7 +23,6 @@ void CvtBits2Bytes(const uint8_t* bits, int first, int count, uint8_t* out)
         return;
     }
     for (int i = 0; i < count; ++i) {
-        const uint32_t b = static_cast<uint32_t>(first) + static_cast<uint32_t>(i);
-        out[i] = (bits[b / 8] >> (b % 8)) & 1u;
+        out[i] = bit_of(bits, int64_t{first} + i) ? 1 : 0;
     }
 }

@@ -1,3 +1,5 @@
+// Storage of the process-wide state. It is written only during start-up,
+// before any thread starts; afterwards it is read-only.
 #include "base/globals.h"
 
 int mode = 0;

@@ -1,3 +1,5 @@
+// Derivation of the local area sizes from the segment header, done once at
+// start-up before any thread reads them.
 #include "base/local_areas.h"
 
 namespace {

@@ -1,3 +1,5 @@
+// Device and data paths with their environment overrides. No other file names
+// a device path.
 #include "base/paths.h"
 
 #include <cstdlib>

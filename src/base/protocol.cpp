@@ -1,4 +1,4 @@
-// Packet builders and fixed status packets of the client protocol.
+// Packet builders of the client protocol.
 #include "base/protocol.h"
 
 #include <cstring>
@@ -7,41 +7,13 @@
 
 const uint8_t head[10] = {0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
-// [command][ok][err][sum]; the acknowledgements are [command][1][sum].
-const uint8_t register_ok[3] = {0x01, 0x01, 0x02};
-const uint8_t unregister_ok[3] = {0x02, 0x01, 0x03};
-const uint8_t com_read_err_01[4] = {0x03, 0x00, 0x01, 0x04};
-const uint8_t com_read_err_02[4] = {0x03, 0x00, 0x02, 0x05};
-const uint8_t com_read_err_03[4] = {0x03, 0x00, 0x03, 0x06};
-const uint8_t realtime_read_err_01[4] = {0x04, 0x00, 0x01, 0x05};
-const uint8_t write_success[4] = {0x05, 0x01, 0x00, 0x06};
-const uint8_t write_err_01[4] = {0x05, 0x00, 0x01, 0x06};
-const uint8_t realtime_readcheck_err_01[4] = {0x06, 0x00, 0x01, 0x07};
-const uint8_t realtime_readcheck_err_02[4] = {0x06, 0x00, 0x02, 0x08};
-const uint8_t realtime_readcheck_err_03[4] = {0x06, 0x00, 0x03, 0x09};
-const uint8_t writecheck_success[4] = {0x07, 0x01, 0x00, 0x08};
-const uint8_t writecheck_err_01[4] = {0x07, 0x00, 0x01, 0x08};
-const uint8_t writecheck_err_02[4] = {0x07, 0x00, 0x02, 0x09};
-const uint8_t writecheck_err_03[4] = {0x07, 0x00, 0x03, 0x0a};
-const uint8_t com_realtime_read_err_01[4] = {0x08, 0x00, 0x01, 0x09};
-const uint8_t realtime_rw_err_01[4] = {0x09, 0x00, 0x01, 0x0a};
-const uint8_t realtime_rw_check_err_01[4] = {0x0a, 0x00, 0x01, 0x0b};
-const uint8_t realtime_rw_check_err_02[4] = {0x0a, 0x00, 0x02, 0x0c};
-const uint8_t realtime_rw_check_err_03[4] = {0x0a, 0x00, 0x03, 0x0d};
-
 namespace {
-
-void put_u16(uint8_t* p, uint16_t v)
-{
-    p[0] = static_cast<uint8_t>(v & 0xff);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
 
 // Header: the first 8 bytes of head, then package_len.
 void write_header(uint8_t* out, const uint8_t* hd, uint16_t package_len)
 {
     std::memcpy(out, hd, 8);
-    put_u16(out + 8, package_len);
+    put_le16(out + 8, package_len);
 }
 
 // Data reply [command][1][u16 size][data][sum]; the caller has put the data
@@ -51,13 +23,10 @@ size_t finish_read_ack(uint8_t* out, const uint8_t* hd, uint16_t size, uint8_t c
     write_header(out, hd, static_cast<uint16_t>(size + 5));
     out[10] = command;
     out[11] = 1;
-    put_u16(out + 12, size);
+    put_le16(out + 12, size);
     out[14 + size] = check_sum(out + 10, size + 4);
     return size + 15u;
 }
-
-// Largest data size whose data reply still fits the reply buffer.
-constexpr size_t MAX_READ_ACK_DATA = PACKET_BUF_SIZE - 15;
 
 }  // namespace
 
@@ -125,10 +94,15 @@ size_t produce_rw_ack_pack(uint8_t* out, const uint8_t* hd, uint8_t result, uint
     return 14;
 }
 
+size_t produce_refusal_pack(uint8_t* out, uint8_t command)
+{
+    return produce_ack_pack(out, head, status_error(command, REPLY_FAILED), 4);
+}
+
 size_t produce_sub_read_ack_pack(uint8_t* entry, uint16_t size, const uint8_t* data)
 {
     entry[0] = 1;
-    put_u16(entry + 1, size);
+    put_le16(entry + 1, size);
     std::memcpy(entry + 3, data, size);
     return size + 3u;
 }
@@ -147,36 +121,31 @@ size_t produce_sub_read_ack_pack_Modbus_Extend(uint8_t* entry, uint16_t count, c
                                                int bit_offset)
 {
     entry[0] = 1;
-    put_u16(entry + 1, count);
+    put_le16(entry + 1, count);
     uint8_t* bits = entry + 3;
     for (int i = 0; i < count; ++i) {
-        int b = bit_offset + i;
-        bool set = b >= 0 && ((words[b / 8] >> (b % 8)) & 1);
-        uint8_t mask = static_cast<uint8_t>(1u << (i % 8));
-        if (set)
-            bits[i / 8] |= mask;
-        else
-            bits[i / 8] &= static_cast<uint8_t>(~mask);
+        const int b = bit_offset + i;
+        put_bit(bits, i, b >= 0 && bit_of(words, b));
     }
     return 3u + (count + 7u) / 8u;
 }
 
 uint8_t parse_command(const uint8_t* packet)
 {
-    return packet[10];
+    return packet[PKT_COMMAND];
 }
 
 uint8_t parse_REG_ADDR_NUM(const uint8_t* packet)
 {
-    return packet[11];
+    return packet[PKT_RECORD_COUNT];
 }
 
 uint16_t parse_package_len(const uint8_t* packet)
 {
-    return static_cast<uint16_t>(packet[8] | (packet[9] << 8));
+    return get_le16(packet + PKT_PACKAGE_LEN);
 }
 
 int cal_write_data_length(const uint8_t* packet)
 {
-    return parse_package_len(packet) - 18;
+    return parse_package_len(packet) - BODY_ONE_RECORD;
 }

@@ -11,24 +11,22 @@ bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b)
     return std::memcmp(&a, &b, sizeof(REG_ADDR)) == 0;
 }
 
+int element_bytes(int reg_type)
+{
+    return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0;
+}
+
+int64_t range_data_bytes(uint8_t reg_type, int64_t n)
+{
+    if (reg_type == 0) {
+        return (n % 8 == 0) ? n / 8 : n / 8 + 1;
+    }
+    return n * element_bytes(reg_type);
+}
+
 int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width)
 {
-    const int n = reg_data_width;
-    int size = 0;
-    switch (reg_type) {
-    case 0:
-        size = (n % 8 == 0) ? n / 8 : n / 8 + 1;
-        break;
-    case 1:
-    case 2:
-    case 4:
-        size = n * reg_type;
-        break;
-    default:
-        size = 0;
-        break;
-    }
-    return static_cast<int16_t>(size);
+    return static_cast<int16_t>(range_data_bytes(reg_type, reg_data_width));
 }
 
 int16_t cal_commbuf_size(const REG_ADDR& rec)

@@ -29,6 +29,14 @@ static_assert(offsetof(REG_ADDR, bcd_flag) == 14);
 
 bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b);
 
+// reg_id classes. 249 addresses the local word area bit by bit; 254 and 255
+// are the local bit area; 250..253 the SRAM.
+constexpr uint8_t REG_ID_LOCAL_WORD_BITS = 249;
+inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }
+inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
+inline bool is_local_area(uint8_t reg_id) { return reg_id == REG_ID_LOCAL_WORD_BITS || reg_id == 254 || reg_id == 255; }
+inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
+
 // Read-modify-write block: six little-endian 32-bit fields. step and the two
 // limits hold IEEE single floats for value types 2 and 3.
 struct rw_oper {
@@ -41,7 +49,15 @@ struct rw_oper {
 };
 static_assert(sizeof(rw_oper) == 24);
 
-// Data bytes of a range (signed 16-bit, as the record's width is).
+// Bytes of one element of a byte, word or double-word range; 0 for bits and
+// for unknown types.
+int element_bytes(int reg_type);
+
+// Data bytes of a range, without any cut: bit ranges take whole bytes.
+int64_t range_data_bytes(uint8_t reg_type, int64_t reg_data_width);
+inline int64_t range_data_bytes(const REG_ADDR& rec) { return range_data_bytes(rec.reg_type, rec.reg_data_width); }
+
+// Data bytes of a range cut to signed 16 bits, as the record's width is.
 int16_t cal_commbuf_size(const REG_ADDR& rec);
 int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width);
 

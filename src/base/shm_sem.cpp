@@ -1,3 +1,5 @@
+// Take and give of segment semaphore 0. Each take is matched by a give on
+// the same thread, and a thread never takes it twice.
 #include "base/shm_sem.h"
 
 #include <cerrno>

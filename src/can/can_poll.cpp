@@ -36,21 +36,6 @@ int foud_pdo_num(OPT_node* first, OPT_node* end)
     return n;
 }
 
-int build_CANOPEN_buff(OPT_node* first, OmronEntry* array, int n)
-{
-    int written = 0;
-    OPT_node* b = first;
-    for (int i = 0; i < n && b != nullptr; ++i, b = b->next) {
-        const int count = block_entry_count(b);
-        if (written + count > CAN_ENTRY_ROOM) {
-            break;
-        }
-        fill_block_entries(b, array + written);
-        written += count;
-    }
-    return written;
-}
-
 int can_blocks_per_call(OPT_node* first, int remaining)
 {
     int blocks = 0;
@@ -97,7 +82,7 @@ void can_poll_blocks(CanPort& t)
             --remaining;
             continue;
         }
-        const int entries = build_CANOPEN_buff(block, t.entries.data(), blocks);
+        const int entries = build_OMRON_buff(block->prev, t.entries.data(), blocks, CAN_ENTRY_ROOM);
         const int r = t.drv.canopen_read(t.entries.data(), entries, &t.param, t.spi_mutex);
         int status = 1;
         if (r == 0) {

@@ -57,10 +57,6 @@ OPT_limits can_block_limits(const com_port_info& rec);
 // Number of blocks from first up to, not including, end.
 int foud_pdo_num(OPT_node* first, OPT_node* end);
 
-// Appends the entries of the n blocks from first on to array and returns
-// how many it wrote; it never writes beyond CAN_ENTRY_ROOM entries.
-int build_CANOPEN_buff(OPT_node* first, OmronEntry* array, int n);
-
 // How many of the `remaining` blocks from first on go into one batch call:
 // the leading blocks whose entries add up to at most CAN_CALL_ENTRIES.
 // 0 when the first block alone has more entries than a call takes.

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr int32_t RW_PULSE = 256;
-constexpr int STATUS_FAILED = 3;
 
 // What the service copies out of a request under `mutex`.
 struct RequestCopy {
@@ -35,7 +34,7 @@ RequestCopy take_request(CanPort& t, RORT_node* req)
     c.op = req->rw_oper;
     c.n = cal_commbuf_size(req->reg_addr);
     c.fits = c.n >= 0 && c.n <= CAN_BUF_SIZE && c.n <= req->data_len && req->data != nullptr;
-    if (c.fits && c.req_type == 1) {
+    if (c.fits && c.req_type == REQ_WRITE) {
         std::memset(t.write_copy, 0, CAN_BUF_SIZE);
         std::memcpy(t.write_copy, req->data, static_cast<size_t>(c.n));
         std::memcpy(t.buf, req->data, static_cast<size_t>(c.n));
@@ -72,7 +71,7 @@ void serve_read(CanPort& t, RORT_node* req, const RequestCopy& c)
     }
     const int status = status_from_result(driver_read(t, c.image.reg_addr));
     std::lock_guard lock(mutex);
-    if (status == 1) {
+    if (status == STATUS_OK) {
         std::memcpy(req->data, t.buf, static_cast<size_t>(c.n));
     }
     req->status = static_cast<int16_t>(status);
@@ -86,7 +85,7 @@ void serve_write(CanPort& t, RORT_node* req, RequestCopy& c)
     }
     const int status = status_from_result(driver_write(t, c.image.reg_addr));
     complete(req, status);
-    if (status == 1) {
+    if (status == STATUS_OK) {
         c.image.status = static_cast<int16_t>(status);
         refresh_writeOK_ORG(c.image);
     }
@@ -142,7 +141,7 @@ void serve_pulse(CanPort& t, RORT_node* req, const RequestCopy& c)
 void can_serve_request(CanPort& t, RORT_node* req)
 {
     RequestCopy c = take_request(t, req);
-    if (c.req_type == 2) {
+    if (c.req_type == REQ_RMW) {
         std::printf("function code =%x\n", static_cast<unsigned>(c.op.op_code));
     }
     if (!c.fits) {
@@ -150,8 +149,8 @@ void can_serve_request(CanPort& t, RORT_node* req)
         return;
     }
     switch (c.req_type) {
-    case 0: serve_read(t, req, c); break;
-    case 2:
+    case REQ_READ: serve_read(t, req, c); break;
+    case REQ_RMW:
         if (c.op.op_code < RW_PULSE) {
             serve_operation(t, req, c);
         } else if (c.op.op_code == RW_PULSE) {

@@ -1,3 +1,5 @@
+// Start-up and main loop of a CAN port thread. All CAN ports share one SPI
+// mutex, handed to their driver with every call that touches the bridge.
 #include "can/can_thread.h"
 
 #include <cstdio>
@@ -10,12 +12,6 @@ pthread_mutex_t spi_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-template <typename Fn>
-Fn lookup_as(void* handle, const char* name, const char* message)
-{
-    return reinterpret_cast<Fn>(driver_lookup(handle, name, message));
-}
-
 // A slave port first runs the driver's slave entry point from its own
 // instance of the library.
 void start_slave(CanPort& t, const com_port_info& rec, const std::string& lib)
@@ -26,9 +22,7 @@ void start_slave(CanPort& t, const com_port_info& rec, const std::string& lib)
     if (init != nullptr) {
         init(&t.dev, &t.param, t.spi_mutex);
     }
-    if (slave != nullptr) {
-        slave(rec.slave_arg, local_bit, local_short, semid, &t.param);
-    }
+    run_slave_main(slave, rec.slave_arg, &t.param);
 }
 
 void start_can_port(CanPort& t, const can_port_arg& arg)

@@ -1,3 +1,6 @@
+// Loading of driver plug-ins by dlopen and filling of the records handed to
+// them. Records are filled field by field from the port record; a field the
+// driver does not expect stays zero.
 #include "driver/loader.h"
 
 #include <cstdio>
@@ -21,21 +24,14 @@ const char* const ttyp_change[] = {
     "/dev/ttyS2", "/dev/ttyS1", "/dev/ttyS0", "/dev/ttyS4",
 };
 
-template <typename Fn>
-Fn lookup_as(void* handle, const char* name, const char* message)
-{
-    return reinterpret_cast<Fn>(driver_lookup(handle, name, message));
-}
+} // namespace
 
-void call_slave_main(void* handle, const com_port_info& rec, PlcParamBlock& param, const char* missing_message)
+void run_slave_main(ev_plc_slave_main_fn slave, int16_t slave_arg, PlcParam* param)
 {
-    auto slave = lookup_as<ev_plc_slave_main_fn>(handle, "ev_plc_slave_main", missing_message);
     if (slave != nullptr) {
-        slave(rec.slave_arg, local_bit, local_short, semid, &param.param);
+        slave(slave_arg, local_bit, local_short, semid, param);
     }
 }
-
-} // namespace
 
 std::string driver_library_path(int mode, int deviceport)
 {
@@ -147,9 +143,7 @@ PlcDriver load_driver(const com_port_info& rec, PortDevice& dev, PlcParamBlock& 
         if (init != nullptr) {
             init(&dev, &param.param);
         }
-        if (slave != nullptr) {
-            slave(rec.slave_arg, local_bit, local_short, semid, &param.param);
-        }
+        run_slave_main(slave, rec.slave_arg, &param.param);
     }
 
     PlcDriver drv;
@@ -178,7 +172,8 @@ PlcDriver load_driver(const com_port_info& rec, PortDevice& dev, PlcParamBlock& 
         if (driver_lookup(drv.handle, "ev_plc_slave_main", nullptr) == nullptr) {
             std::fputs(message, stdout);
         } else {
-            call_slave_main(drv.handle, rec, param, nullptr);
+            run_slave_main(lookup_as<ev_plc_slave_main_fn>(drv.handle, "ev_plc_slave_main", nullptr), rec.slave_arg,
+                           &param.param);
         }
     }
 

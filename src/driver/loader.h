@@ -45,4 +45,15 @@ bool driver_usable(const PlcDriver& drv);
 // dlsym with the loader's error state cleared first; prints message (when not
 // null) and returns null when the symbol is missing.
 void* driver_lookup(void* handle, const char* name, const char* message);
+
+// driver_lookup cast to the entry point's type.
+template <typename Fn>
+Fn lookup_as(void* handle, const char* name, const char* message)
+{
+    return reinterpret_cast<Fn>(driver_lookup(handle, name, message));
+}
+
+// Calls a slave entry point (when there is one) with the process's local
+// areas and segment semaphore.
+void run_slave_main(ev_plc_slave_main_fn slave, int16_t slave_arg, PlcParam* param);
 void* driver_open(const std::string& path);

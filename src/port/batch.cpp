@@ -29,8 +29,6 @@ bool batch_excluded(int reg_id, int driver)
     return !driver_traits(driver).batch_takes_reserved_ids && reg_id >= 128 && reg_id <= 133;
 }
 
-int value_width(int reg_type) { return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0; }
-
 OPT_node* advance(OPT_node* node, int n)
 {
     for (int i = 0; i < n && is_block(node); ++i) {
@@ -177,7 +175,7 @@ void copy_data(const OPT_node* block, const OmronEntry* entry, uint8_t* dst)
         }
         return;
     }
-    const int w = value_width(r.reg_type);
+    const int w = element_bytes(r.reg_type);
     if (w == 0) {
         return;
     }
@@ -188,7 +186,7 @@ void copy_data(const OPT_node* block, const OmronEntry* entry, uint8_t* dst)
 
 void refresh_bat_ORG(OPT_node* first, const OmronEntry* entry, uint8_t* buffer, int n, int status)
 {
-    const int file_status = (status == 1 || status == 2) ? status : 3;
+    const int file_status = (status == STATUS_OK || status == STATUS_NO_ANSWER) ? status : STATUS_FAILED;
     OPT_node* b = first;
     for (int i = 0; i < n && is_block(b); ++i, b = b->next) {
         const REG_ADDR& r = b->reg_addr;

@@ -1,3 +1,5 @@
+// Time-out bookkeeping and publication of station communication state.
+// Semaphore 0 is taken only while no table or realtime-list lock is held.
 #include "port/com_state.h"
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include "base/local_areas.h"
 #include "base/shm_sem.h"
 #include "driver/driver_traits.h"
+#include "port/port_thread.h"
 #include "port/refresh.h"
 #include "store/addressing.h"
 #include "store/data_file.h"
@@ -26,8 +29,6 @@ time_t steady_seconds()
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec;
 }
-
-constexpr int WRITE_COPY_BYTES = 4096; // the port thread's data buffers are this size
 
 // The state bits live in the segment shared with the parent process and the
 // connection threads, which change their neighbours under the segment
@@ -96,9 +97,9 @@ int must_com(ComStateItem& item, int interval_div, int max_tries)
 // piece did.
 int write_pieces(ComOper& op, const DrvRegAddr& addr, const DrvDataRef& ref, PlcParam* param, int max)
 {
-    std::array<uint8_t, WRITE_COPY_BYTES> bits{};
+    std::array<uint8_t, PORT_BUF_SIZE> bits{};
     const bool bit_range = addr.reg_type == 0;
-    const int limit = bit_range ? std::min(max, 8 * WRITE_COPY_BYTES) : max;
+    const int limit = bit_range ? std::min(max, 8 * PORT_BUF_SIZE) : max;
     DrvRegAddr at = addr;
     for (int done = 0; done < ref.count;) {
         const int n = std::min(ref.count - done, limit);
@@ -167,14 +168,38 @@ int rmv_locked(VGlobComState& table, int index)
 
 } // namespace
 
+namespace {
+
+// The preamble every driver call shares: finds the station's time-out item
+// and, when several stations share the port, tells whether the station is
+// skipped this time. A skipped call counts as not good and is answered as a
+// time-out without reaching the driver. Cyclic polls back off by the normal
+// rule, realtime requests by the realtime rule.
+enum class CallKind { poll, realtime };
+
+bool skip_station(ComOper& op, const DrvRegAddr& addr, CallKind kind, int& index)
+{
+    index = ComOper_FindTimeoutItem(op, addr);
+    if ((op.flags & COM_OPER_MULTI_STATION) == 0) {
+        return false;
+    }
+    const int must = kind == CallKind::poll ? ComOper_MustNormCom(op, index) : ComOper_MustRtmCom(op, index);
+    if (must != 0) {
+        return false;
+    }
+    ++op.ng_count;
+    return true;
+}
+
+} // namespace
+
 com_state_clock_fn com_state_steady_clock = steady_seconds;
 com_state_clock_fn com_state_wall_clock = wall_seconds;
 
 int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustNormCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::poll, index)) {
         return COM_STATE_TIMEOUT;
     }
     DrvRegAddr copy = *addr;
@@ -196,9 +221,8 @@ int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* 
 
 int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::realtime, index)) {
         return COM_STATE_TIMEOUT;
     }
     DrvRegAddr copy = *addr;
@@ -216,9 +240,8 @@ int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* pa
 
 int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* param)
 {
-    const int index = ComOper_FindTimeoutItem(op, *addr);
-    if ((op.flags & COM_OPER_MULTI_STATION) != 0 && ComOper_MustRtmCom(op, index) == 0) {
-        ++op.ng_count;
+    int index = -1;
+    if (skip_station(op, *addr, CallKind::realtime, index)) {
         return COM_STATE_TIMEOUT;
     }
 
@@ -227,8 +250,8 @@ int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* para
     DrvRegAddr copy = *addr;
     const int32_t count = ref->count;
     const int bytes = RegAddr_Bytes(*addr, count);
-    const bool recordable = ref->data != nullptr && bytes >= 0 && bytes <= WRITE_COPY_BYTES;
-    std::array<uint8_t, WRITE_COPY_BYTES> sent{};
+    const bool recordable = ref->data != nullptr && bytes >= 0 && bytes <= PORT_BUF_SIZE;
+    std::array<uint8_t, PORT_BUF_SIZE> sent{};
     if (recordable) {
         std::memcpy(sent.data(), ref->data, static_cast<size_t>(bytes));
     }

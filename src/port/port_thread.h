@@ -5,12 +5,14 @@
 #include <array>
 #include <cstdint>
 
+#include "base/protocol.h"
 #include "driver/loader.h"
 #include "port/com_state.h"
 #include "tables/opt_builder.h"
 #include "tables/tables.h"
 
-constexpr int PORT_BUF_SIZE = 4096;
+// The port thread's driver buffer and write copy hold one packet's data.
+constexpr int PORT_BUF_SIZE = static_cast<int>(PACKET_BUF_SIZE);
 constexpr int OMRON_ENTRIES = 1000;
 
 struct PortThread {

@@ -1,3 +1,5 @@
+// Start-up and poll cycle of a serial or 'U'-mode port thread. Only this
+// thread calls its driver.
 #include "port/process_thread.h"
 
 #include <algorithm>

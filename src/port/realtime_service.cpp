@@ -29,11 +29,6 @@ constexpr int REQUESTS_PER_CYCLE = 3;
 constexpr int REALTIME_TRIES = 3;
 constexpr int CLEARED_BYTES = 1024;  // the part of a scratch buffer cleared before use
 constexpr int32_t RW_PULSE = 256;    // operation code: write 1, then 0
-constexpr int16_t STATUS_FAILED = 3;
-
-constexpr int16_t REQ_READ = 0;
-constexpr int16_t REQ_WRITE = 1;
-constexpr int16_t REQ_RMW = 2;
 
 // What the service copies out of a request node before talking to the driver.
 struct Request {
@@ -166,7 +161,7 @@ void serve_read(PortThread& t, const Request& q)
     }
     const auto status = static_cast<int16_t>(status_from_result(r));
     std::lock_guard lock(mutex);
-    if (status == 1) {
+    if (status == STATUS_OK) {
         store_node_data(*q.node, t.buf, q.n);
     }
     q.node->status = status;
@@ -192,7 +187,7 @@ void serve_write(PortThread& t, const Request& q)
     // another layout for these drivers; they are left to the next poll.
     const REG_ADDR& ra = q.reg_addr;
     const bool keep_caches = word_order_family(t) && (byte_addressed(ra, 2) || byte_addressed(ra, 4));
-    if (status == 1 && !keep_caches) {
+    if (status == STATUS_OK && !keep_caches) {
         refresh_after_write(ra, t.write_copy);
     }
 }
@@ -226,11 +221,11 @@ void serve_pulse(PortThread& t, const Request& q)
     {
         std::lock_guard lock(mutex);
         q.node->status = status;
-        if (status == 1) {
+        if (status == STATUS_OK) {
             copy_node_data(t.write_copy, *q.node, q.n);
         }
     }
-    if (status == 1 && !keep_caches) {
+    if (status == STATUS_OK && !keep_caches) {
         refresh_after_write(ra, t.write_copy);
     }
 }
@@ -291,7 +286,7 @@ void serve_rmw(PortThread& t, const Request& q)
         q.node->status = status;
     }
     const bool keep_caches = word_order_family(t) && byte_addressed(ra, 4);
-    if (status == 1 && !keep_caches) {
+    if (status == STATUS_OK && !keep_caches) {
         refresh_after_write(ra, t.write_copy);
     }
 }
@@ -325,7 +320,7 @@ void fail_pending(int port)
 {
     std::lock_guard lock(mutex);
     for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
-        if (n->status == 0 && n->reg_addr.deviceport_id == port) {
+        if (n->status == STATUS_PENDING && n->reg_addr.deviceport_id == port) {
             n->status = STATUS_FAILED;
         }
     }

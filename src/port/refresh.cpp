@@ -17,12 +17,6 @@ int64_t buffer_bytes(const REG_ADDR& rec)
     return std::max<int64_t>(0, cal_commbuf_size(rec));
 }
 
-// Bytes of one register for the byte-wise copies (bits are copied apart).
-int64_t register_bytes(int reg_type)
-{
-    return (reg_type == 1 || reg_type == 2 || reg_type == 4) ? reg_type : 0;
-}
-
 // Copies n bytes from src + src_off to dst + dst_off, cut so that neither
 // buffer is left.
 void copy_bytes(uint8_t* dst, int64_t dst_cap, int64_t dst_off, const uint8_t* src, int64_t src_cap,
@@ -111,7 +105,7 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
         const int64_t hi = std::min(be, ge);
         const int64_t cnt = hi - lo;
 
-        if (status == 1 && buf != nullptr && g->data != nullptr) {
+        if (status == STATUS_OK && buf != nullptr && g->data != nullptr) {
             const int64_t group_cap = buffer_bytes(r);
             if (r.reg_type == 0) {
                 const int n = bounded_bits(cnt, group_cap, lo - gs, block_cap, lo - bs);
@@ -121,7 +115,7 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
                     bit_cpy(g->data, buf, n, static_cast<int>(gs - bs));
                 }
             } else {
-                const int64_t w = register_bytes(r.reg_type);
+                const int64_t w = element_bytes(r.reg_type);
                 copy_bytes(g->data, group_cap, (lo - gs) * w, buf, block_cap, (lo - bs) * w, cnt * w);
             }
         }
@@ -129,22 +123,72 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
         const int16_t st = static_cast<int16_t>(status);
         if (ge <= be) {
             // The block holds the group's end: the group's status is final.
-            if (lo == gs || g->part_status == 1) {
+            if (lo == gs || g->part_status == STATUS_OK) {
                 g->status = st;
             } else {
                 g->status = g->part_status;
             }
-            if (g->status == 1) {
+            if (g->status == STATUS_OK) {
                 g->refresh_time = now_seconds();
             }
         } else if (lo == gs) {
             g->part_status = st;
-        } else if (!(status == 1 && g->part_status > 1)) {
+        } else if (!(status == STATUS_OK && g->part_status > STATUS_OK)) {
             // A failure earlier in the group is kept until its end is read.
             g->part_status = st;
         }
     }
 }
+
+namespace {
+
+// The first group of a block's run, or nullptr when the block's org pointer
+// cannot be trusted. It is only trustworthy while its area's blocks are
+// current: any change to the group may have freed that node. Caller holds
+// the table lock for writing.
+ORG_node* omron_first_group(const OPT_node* block)
+{
+    const REG_ADDR& b = block->reg_addr;
+    FAT_node* fat = FAT_link_head->next;
+    while (fat != FAT_link_tail && !same_area(*fat, b)) {
+        fat = fat->next;
+    }
+    if (fat == FAT_link_tail || fat->change_state != 0) {
+        return nullptr;
+    }
+    ORG_node* g = block->org;
+    if (g == nullptr || g == ORT_link_head || g == ORT_link_tail || g->data == nullptr) {
+        return nullptr;
+    }
+    return g;
+}
+
+// Copies the part of the block's data that overlaps group g into g's buffer.
+// Group and block starts are both register numbers (client addresses are
+// normalised to registers before they enter the tables), whatever the
+// address unit: the overlap is placed by register offsets alone.
+void omron_copy_overlap(ORG_node* g, const REG_ADDR& b, const uint8_t* buf, int64_t len)
+{
+    const REG_ADDR& r = g->reg_addr;
+    const int64_t bs = b.reg_addr_start;
+    const int64_t gs = r.reg_addr_start;
+    const int64_t lo = std::max(bs, gs);
+    const int64_t block_cap = buffer_bytes(b);
+    const int64_t group_cap = buffer_bytes(r);
+    if (r.reg_type == 0) {
+        const int n = bounded_bits(len, group_cap, lo - gs, block_cap, lo - bs);
+        if (lo == gs) {
+            bit_cpy(g->data, buf, n, static_cast<int>(lo - bs));
+        } else {
+            tessel_bit_cpy(g->data, buf, n, static_cast<int>(lo - gs));
+        }
+    } else {
+        const int64_t unit = element_bytes(r.reg_type);
+        copy_bytes(g->data, group_cap, (lo - gs) * unit, buf, block_cap, (lo - bs) * unit, len);
+    }
+}
+
+} // namespace
 
 void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int status)
 {
@@ -152,25 +196,13 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
         return;
     }
     std::unique_lock lock(rwlock);
+    ORG_node* g = omron_first_group(block);
+    if (g == nullptr) {
+        return;
+    }
     const REG_ADDR& b = block->reg_addr;
-
-    // The block's org pointer is only trustworthy while its area's blocks are
-    // current: any change to the group may have freed that node.
-    FAT_node* fat = FAT_link_head->next;
-    while (fat != FAT_link_tail && !same_area(*fat, b)) {
-        fat = fat->next;
-    }
-    if (fat == FAT_link_tail || fat->change_state != 0) {
-        return;
-    }
-    ORG_node* g = block->org;
-    if (g == nullptr || g == ORT_link_head || g == ORT_link_tail || g->data == nullptr) {
-        return;
-    }
-
     const int64_t bs = b.reg_addr_start;
     const int64_t be = bs + b.reg_data_width;
-    const int64_t block_cap = buffer_bytes(b);
     const int16_t st = static_cast<int16_t>(status);
 
     for (; g != ORT_link_tail && same_area(g->reg_addr, b); g = g->next) {
@@ -183,31 +215,16 @@ void refresh_ORG_buff_omron(const OPT_node* block, const uint8_t* buf, int statu
         if (bs >= ge) {
             continue;
         }
-        const int64_t unit = r.reg_type == 0 ? 1 : register_bytes(r.reg_type);
+        const int64_t unit = r.reg_type == 0 ? 1 : element_bytes(r.reg_type);
         const int64_t len = (std::min(ge, be) - std::max(bs, gs)) * unit;
-        const int64_t group_cap = buffer_bytes(r);
 
-        // Group and block starts are both register numbers (client addresses
-        // are normalised to registers before they enter the tables), whatever
-        // the address unit: the overlap is placed by register offsets alone.
         g->status = st;
-        if (status == 1 && buf != nullptr) {
-            const int64_t lo = std::max(bs, gs);
-            if (r.reg_type == 0) {
-                const int n = bounded_bits(len, group_cap, lo - gs, block_cap, lo - bs);
-                if (lo == gs) {
-                    bit_cpy(g->data, buf, n, static_cast<int>(lo - bs));
-                } else {
-                    tessel_bit_cpy(g->data, buf, n, static_cast<int>(lo - gs));
-                }
-            } else {
-                copy_bytes(g->data, group_cap, (lo - gs) * unit, buf, block_cap, (lo - bs) * unit, len);
-            }
+        if (status == STATUS_OK && buf != nullptr) {
+            omron_copy_overlap(g, b, buf, len);
         }
-
-        if (ge <= be && g->status == 1) {
+        if (ge <= be && g->status == STATUS_OK) {
             g->status = st;
-            if (g->status == 1) {
+            if (g->status == STATUS_OK) {
                 g->refresh_time = now_seconds();
             }
         }
@@ -252,7 +269,7 @@ void refresh_writeOK_ORG(RealtimeImage image)
             tessel_bit_cpy(g->data, image.data, n, static_cast<int>(ws - gs));
         } else {
             // Byte groups take the written values as words and double words do.
-            const int64_t width = register_bytes(w.reg_type);
+            const int64_t width = element_bytes(w.reg_type);
             copy_bytes(g->data, group_cap, (ws - gs) * width, image.data, write_cap, 0, cnt * width);
         }
     }

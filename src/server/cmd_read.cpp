@@ -21,7 +21,7 @@ namespace {
 void queue_realtime_read(Connection& c, uint8_t command, const uint8_t* queued)
 {
     std::lock_guard lock(mutex);
-    queue_request(c, new_realtime_node(cal_commbuf_size(c.REG_ADDR_temp)), 0, command, queued);
+    queue_request(c, new_realtime_node(cal_commbuf_size(c.REG_ADDR_temp)), REQ_READ, command, queued);
 }
 
 // True when a port thread has the record's PLC station in time-out.
@@ -50,9 +50,9 @@ void answer_cached(Connection& c, ORG_node& o, const REG_ADDR& rec)
     assert(lock_rules::holds(lock_rules::TABLES));
     o.age.store(0, std::memory_order_relaxed);
     switch (o.status) {
-    case 1: answer(c, produce_node_reply(c.reply, CMD_COM_READ, o.reg_addr, o.data, cal_commbuf_size(rec))); break;
-    case 0: answer_status(c, com_read_err_01); break;
-    case 2: answer_status(c, com_read_err_02); break;
+    case STATUS_OK: answer(c, produce_node_reply(c.reply, CMD_COM_READ, o.reg_addr, o.data, cal_commbuf_size(rec))); break;
+    case STATUS_PENDING: answer_status(c, com_read_err_01); break;
+    case STATUS_NO_ANSWER: answer_status(c, com_read_err_02); break;
     default: answer_status(c, com_read_err_03); break;
     }
 }
@@ -98,7 +98,7 @@ CacheAnswer serve_from_caches(Connection& c, const REG_ADDR& rec)
             return CacheAnswer::NotCached;
         }
         const REG_ADDR& o = node->reg_addr;
-        if (!same_area(o, rec) || o.reg_addr_start > a || a >= range_end(o) || node->status != 1) {
+        if (!same_area(o, rec) || o.reg_addr_start > a || a >= range_end(o) || node->status != STATUS_OK) {
             return CacheAnswer::NotCached;
         }
         const int e = a - o.reg_addr_start;
@@ -131,7 +131,7 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
         return 2;
     };
     if (!range_pollable(rec)) {
-        return error_entry(3);
+        return error_entry(REPLY_FAILED);
     }
     // Looked up before taking rwlock: the time-out table has a lock of its own.
     const bool timed_out = plc_in_timeout(rec);
@@ -139,19 +139,19 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
     std::unique_lock lock(rwlock);
     const OrtFatResult r = insert_ORT_FAT(rec);
     if (r.created || r.org == nullptr) {
-        return error_entry(1);
+        return error_entry(REPLY_NOT_YET);
     }
     ORG_node* o = r.org;
     o->age = 0;
     int s = o->status;
-    if (s == 1 && timed_out) {
-        s = 2;  // the station does not answer: its cached data are not offered
+    if (s == STATUS_OK && timed_out) {
+        s = STATUS_NO_ANSWER;  // the station does not answer: its cached data are not offered
     }
     switch (s) {
-    case 1: break;
-    case 0: return error_entry(1);
-    case 2: return error_entry(2);
-    default: return error_entry(3);
+    case STATUS_OK: break;
+    case STATUS_PENDING: return error_entry(REPLY_NOT_YET);
+    case STATUS_NO_ANSWER: return error_entry(REPLY_NO_ANSWER);
+    default: return error_entry(REPLY_FAILED);
     }
 
     const int size = cal_commbuf_size(rec);
@@ -239,26 +239,14 @@ void cmd_realtime_readcheck(Connection& c, const uint8_t* packet)
 {
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
-    const REG_ADDR& rec = c.REG_ADDR_temp;
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(rec, ::rw_oper{}, 0, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0x6\r");
-        answer_status(c, realtime_readcheck_err_03);
-        return;
-    }
-    switch (r->status) {
-    case 0:
-        answer_status(c, realtime_readcheck_err_01);
-        return;
-    case 1:
-        answer(c, produce_node_reply(c.reply, CMD_REALTIME_READCHECK, r->reg_addr, r->data, cal_commbuf_size(rec)));
-        break;
-    case 2: answer_status(c, realtime_readcheck_err_02); break;
-    default: answer_status(c, realtime_readcheck_err_03); break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_REALTIME_READCHECK, realtime_readcheck_err_01, realtime_readcheck_err_02, realtime_readcheck_err_03,
+        [](Connection& conn, const RORT_node& r) {
+            answer(conn, produce_node_reply(conn.reply, CMD_REALTIME_READCHECK, r.reg_addr, r.data,
+                                            cal_commbuf_size(conn.REG_ADDR_temp)));
+        },
+        nullptr};
+    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, REQ_READ, answers);
 }
 
 void cmd_com_realtime_read(Connection& c, const uint8_t* packet)
@@ -301,7 +289,7 @@ void cmd_sub_read(Connection& c, const uint8_t* packet)
     uint16_t L = static_cast<uint16_t>(2 + 2 * n);
     constexpr size_t body_room = PACKET_BUF_SIZE - PACKET_HEADER_SIZE - 1;
     for (int i = 0; i < n; ++i) {
-        const bool modbus_view = prepare_record(c, packet + 12 + 16 * i);
+        const bool modbus_view = prepare_record(c, packet + PKT_RECORDS + RECORD_SIZE * i);
         const REG_ADDR& rec = c.REG_ADDR_temp;
         const size_t pos = PACKET_HEADER_SIZE + L;
         if (is_local_area(rec.reg_id)) {

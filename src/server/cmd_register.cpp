@@ -13,9 +13,9 @@ namespace {
 
 // The largest cache a range may have: one data reply (15 bytes of framing)
 // must hold it, and so must the port thread's 4096-byte buffers.
-constexpr int MAX_RANGE_BYTES = static_cast<int>(PACKET_BUF_SIZE) - 15;
+constexpr int MAX_RANGE_BYTES = static_cast<int>(MAX_READ_ACK_DATA);
 
-const uint8_t* record_at(const uint8_t* packet, int i) { return packet + 12 + 16 * i; }
+const uint8_t* record_at(const uint8_t* packet, int i) { return packet + PKT_RECORDS + RECORD_SIZE * i; }
 
 } // namespace
 

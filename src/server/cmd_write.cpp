@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "port/port_thread.h"
 #include "server/commands.h"
 #include "server/reply_data.h"
 #include "store/addressing.h"
@@ -13,14 +14,11 @@
 
 namespace {
 
-// The port thread moves a request's data through 4096-byte buffers.
-constexpr int REQUEST_DATA_MAX = 4096;
-
 // A PLC request is queued only when its data fit the port thread's buffers.
 bool request_size_ok(const REG_ADDR& rec)
 {
     const int size = cal_commbuf_size(rec);
-    return size >= 1 && size <= REQUEST_DATA_MAX;
+    return size >= 1 && size <= PORT_BUF_SIZE;
 }
 
 // The read-modify-write block of commands 9 and 10; a request of fewer than
@@ -29,7 +27,7 @@ bool request_size_ok(const REG_ADDR& rec)
 {
     ::rw_oper block{};
     const size_t n = parse_package_len(packet) >= 42 ? sizeof block : sizeof block - 4;
-    std::memcpy(&block, packet + 27, n);
+    std::memcpy(&block, packet + PKT_DATA, n);
     return block;
 }
 
@@ -40,7 +38,7 @@ void cmd_write(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     write_reg_addr_change(c.REG_ADDR_temp);
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    const uint8_t* data = packet + 27;
+    const uint8_t* data = packet + PKT_DATA;
     const int data_len = std::max(cal_write_data_length(packet), 0);
     if (is_local_area(rec.reg_id)) {
         answer(c, write_local_mem(rec, data, data_len, c.reply));
@@ -68,7 +66,7 @@ void cmd_write(Connection& c, const uint8_t* packet)
         std::memcpy(node->data, data, static_cast<size_t>(data_len));
     }
     std::lock_guard lock(mutex);
-    queue_request(c, node, 1, CMD_WRITE, write_err_01);
+    queue_request(c, node, REQ_WRITE, CMD_WRITE, write_err_01);
 }
 
 void cmd_writecheck(Connection& c, const uint8_t* packet)
@@ -77,24 +75,11 @@ void cmd_writecheck(Connection& c, const uint8_t* packet)
     // for a byte address inside a 32-bit register.
     c.REG_ADDR_temp = packet_reg_addr(packet);
     write_reg_addr_change(c.REG_ADDR_temp);
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, ::rw_oper{}, 1, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0x7\r");
-        answer_status(c, writecheck_err_03);
-        return;
-    }
-    std::printf(" 0x7:status=%d\r\n", r->status);
-    switch (r->status) {
-    case 0:
-        answer_status(c, writecheck_err_01);
-        return;
-    case 1: answer_status(c, writecheck_success); break;
-    case 2: answer_status(c, writecheck_err_02); break;
-    default: answer_status(c, writecheck_err_03); break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_WRITECHECK, writecheck_err_01, writecheck_err_02, writecheck_err_03,
+        [](Connection& conn, const RORT_node&) { answer_status(conn, writecheck_success); },
+        [](int status) { std::printf(" 0x7:status=%d\r\n", status); }};
+    answer_check(c, c.REG_ADDR_temp, ::rw_oper{}, REQ_WRITE, answers);
 }
 
 namespace {
@@ -149,7 +134,7 @@ void cmd_realtime_rw(Connection& c, const uint8_t* packet)
         node->rw_oper = c.rw_block;
     }
     std::lock_guard lock(mutex);
-    queue_request(c, node, 2, CMD_REALTIME_RW, realtime_rw_err_01);
+    queue_request(c, node, REQ_RMW, CMD_REALTIME_RW, realtime_rw_err_01);
 }
 
 void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
@@ -157,30 +142,18 @@ void cmd_realtime_rw_check(Connection& c, const uint8_t* packet)
     c.REG_ADDR_temp = packet_reg_addr(packet);
     reg_addr_change(c.REG_ADDR_temp);
     c.rw_block = packet_rw_block(packet);
-
-    std::lock_guard lock(mutex);
-    RORT_node* r = find_realtime_link(c.REG_ADDR_temp, c.rw_block, 2, c.id);
-    if (r == nullptr) {
-        std::puts("REAL_WRITE Don't find the realtime_req 0xa\r");
-        answer_status(c, realtime_rw_check_err_03);
-        return;
-    }
-    switch (r->status) {
-    case 0:
-        answer_status(c, realtime_rw_check_err_01);
-        return;
-    case 1:
-        answer(c, produce_rw_ack_pack(c.reply, head, static_cast<uint8_t>(r->rw_oper.direction),
-                                      CMD_REALTIME_RW_CHECK));
-        break;
-    case 2:
-        std::puts("Write timeout\r");
-        answer_status(c, realtime_rw_check_err_02);
-        break;
-    default:
-        std::puts("Write Error\r");
-        answer_status(c, realtime_rw_check_err_03);
-        break;
-    }
-    delete_realtime_link(r);
+    static constexpr CheckAnswers answers{
+        CMD_REALTIME_RW_CHECK, realtime_rw_check_err_01, realtime_rw_check_err_02, realtime_rw_check_err_03,
+        [](Connection& conn, const RORT_node& r) {
+            answer(conn, produce_rw_ack_pack(conn.reply, head, static_cast<uint8_t>(r.rw_oper.direction),
+                                             CMD_REALTIME_RW_CHECK));
+        },
+        [](int status) {
+            if (status == STATUS_NO_ANSWER) {
+                std::puts("Write timeout\r");
+            } else if (status != STATUS_PENDING && status != STATUS_OK) {
+                std::puts("Write Error\r");
+            }
+        }};
+    answer_check(c, c.REG_ADDR_temp, c.rw_block, REQ_RMW, answers);
 }

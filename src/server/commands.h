@@ -36,6 +36,22 @@ bool refuse_unserved_port(Connection& c, const REG_ADDR& rec, uint8_t command);
 // caller holds mutex.
 void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command, const uint8_t* queued);
 
+// The three check commands (6, 7, 10) share one path: find the caller's
+// request of req_type matching rec (and key, for read-modify-writes), answer
+// its outcome, and retire it once a final outcome is answered; a pending
+// request is answered `not_yet` and stays. `success` builds the reply of a
+// request that succeeded; `trace`, when given, logs the status found.
+// Takes mutex.
+struct CheckAnswers {
+    uint8_t command;
+    const uint8_t* not_yet;   // status 0: still pending
+    const uint8_t* no_answer; // status 2: the PLC did not answer
+    const uint8_t* failed;    // status 3, or no such request
+    void (*success)(Connection& c, const RORT_node& r);
+    void (*trace)(int status);
+};
+void answer_check(Connection& c, const REG_ADDR& rec, const ::rw_oper& key, int req_type, const CheckAnswers& a);
+
 // Number of whole records a count-prefixed request (commands 1, 2, 19)
 // really carries: the count byte, cut to the records inside package_len.
 int records_in_packet(const uint8_t* packet);
@@ -56,8 +72,3 @@ bool prepare_record(Connection& c, const uint8_t* rec_bytes);
 // area tables.
 bool range_pollable(const REG_ADDR& rec);
 
-// reg_id classes.
-inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
-inline bool is_local_area(uint8_t reg_id) { return reg_id == 249 || reg_id == 254 || reg_id == 255; }
-inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
-inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }

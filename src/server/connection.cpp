@@ -1,3 +1,5 @@
+// Receive loop and dispatch of one client connection. A reply is sent only
+// after every lock its command took is released.
 #include "server/connection.h"
 
 #include <atomic>
@@ -76,10 +78,10 @@ int minimum_package_len(uint8_t command)
     switch (command) {
     case CMD_REGISTER:
     case CMD_UNREGISTER:
-    case CMD_SUB_READ: return 3;
+    case CMD_SUB_READ: return BODY_COUNTED_FIXED;
     case CMD_REALTIME_RW:
     case CMD_REALTIME_RW_CHECK: return 38;
-    default: return 18;
+    default: return BODY_ONE_RECORD;
     }
 }
 
@@ -144,6 +146,29 @@ void queue_request(Connection& c, RORT_node* node, int req_type, uint8_t command
     } else {
         answer_status(c, queued);
     }
+}
+
+void answer_check(Connection& c, const REG_ADDR& rec, const ::rw_oper& key, int req_type, const CheckAnswers& a)
+{
+    std::lock_guard lock(mutex);
+    RORT_node* r = find_realtime_link(rec, key, req_type, c.id);
+    if (r == nullptr) {
+        std::printf("REAL_WRITE Don't find the realtime_req 0x%x\r\n", a.command);
+        answer_status(c, a.failed);
+        return;
+    }
+    if (a.trace != nullptr) {
+        a.trace(r->status);
+    }
+    switch (r->status) {
+    case STATUS_PENDING:
+        answer_status(c, a.not_yet);
+        return;
+    case STATUS_OK: a.success(c, *r); break;
+    case STATUS_NO_ANSWER: answer_status(c, a.no_answer); break;
+    default: answer_status(c, a.failed); break;
+    }
+    delete_realtime_link(r);
 }
 
 void dispatch_packet(Connection& c, const uint8_t* packet)
@@ -293,13 +318,13 @@ int records_in_packet(const uint8_t* packet)
 {
     const int n = parse_REG_ADDR_NUM(packet);
     const int len = parse_package_len(packet);
-    const int fit = len >= 3 ? (len - 3) / 16 : 0;
+    const int fit = len >= BODY_COUNTED_FIXED ? (len - BODY_COUNTED_FIXED) / static_cast<int>(RECORD_SIZE) : 0;
     return n < fit ? n : fit;
 }
 
 REG_ADDR packet_reg_addr(const uint8_t* packet)
 {
     REG_ADDR r;
-    std::memcpy(&r, packet + 11, sizeof r);
+    std::memcpy(&r, packet + PKT_RECORD, sizeof r);
     return r;
 }

@@ -22,7 +22,3 @@ size_t produce_node_reply(uint8_t* out, uint8_t command, const REG_ADDR& rec, co
 // form chosen above: [1][u16 size][size bytes]. Returns 3 + size.
 size_t produce_node_sub_entry(uint8_t* entry, const REG_ADDR& rec, const uint8_t* data, int size);
 
-// [command][0][3][sum]: the answer to a request the server refuses to serve
-// (for example a range whose data cannot be handled), built like the fixed
-// err 3 status packets.
-size_t produce_refusal_pack(uint8_t* out, uint8_t command);

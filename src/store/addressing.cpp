@@ -1,22 +1,14 @@
+// Client and driver forms of register addresses and write splitting. Pure
+// functions of their arguments: no state, no locks.
 #include "store/addressing.h"
 
 #include <cstdio>
 
+#include "base/byte_order.h"
 #include "base/globals.h"
 #include "driver/driver_traits.h"
 
 namespace {
-
-// Signed 32-bit arithmetic that wraps instead of overflowing.
-int32_t wrap_add(int32_t a, int32_t b)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
-int32_t wrap_mul(int32_t a, int32_t b)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
 
 // Shared part of the read and write normalisation. grow_width: a byte address
 // that falls inside a 4-byte cell makes the range span one more cell.

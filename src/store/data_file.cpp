@@ -1,3 +1,5 @@
+// Register data files. The descriptor table is guarded by arr.lock; in a
+// file, bytes 0..3 hold the status and byte L + 4 holds logical byte L.
 #include "store/data_file.h"
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/byte_order.h"
+#include "base/ignore_result.h"
 #include "base/paths.h"
 #include "store/addressing.h"
 
@@ -21,20 +24,6 @@ constexpr int64_t FIRST_FREE_BLOCK = 3;
 constexpr int64_t DIR_ENTRIES = PLC_REG_DAT_BLOCK / 4;
 constexpr int MAX_BITS_PER_CALL = 4096;                 // one byte per bit in the working buffer
 constexpr mode_t FILE_MODE = 0644;
-
-void put_le32(uint8_t* out, uint32_t v)
-{
-    out[0] = static_cast<uint8_t>(v);
-    out[1] = static_cast<uint8_t>(v >> 8);
-    out[2] = static_cast<uint8_t>(v >> 16);
-    out[3] = static_cast<uint8_t>(v >> 24);
-}
-
-uint32_t get_le32(const uint8_t* in)
-{
-    return static_cast<uint32_t>(in[0]) | static_cast<uint32_t>(in[1]) << 8 |
-           static_cast<uint32_t>(in[2]) << 16 | static_cast<uint32_t>(in[3]) << 24;
-}
 
 // Writes `length` zero bytes at the current position, in zero-block chunks.
 int64_t write_zeros(int fd, int64_t length)
@@ -175,7 +164,7 @@ void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int
     uint8_t word[4];
     put_le32(word, static_cast<uint32_t>(status));
     ::lseek(f.fd, 0, SEEK_SET);
-    (void)!::write(f.fd, word, sizeof word);
+    ignore_result(::write(f.fd, word, sizeof word));
     if (status == 1) {
         PlcRegDatArr_WriteFile(f.fd, addr, length, data);
     }
@@ -237,7 +226,7 @@ void PlcRegDatArr_WriteFile(int fd, int32_t addr, int32_t length, const uint8_t*
         }
         const int32_t n = std::min(PLC_REG_DAT_BLOCK - addr % PLC_REG_DAT_BLOCK, length);
         PlcRegDatArr_Seek2(fd, logical);
-        (void)!::write(fd, data, static_cast<size_t>(n));
+        ignore_result(::write(fd, data, static_cast<size_t>(n)));
         addr += n;
         data += n;
         length -= n;
@@ -312,7 +301,7 @@ int64_t PlcRegDatArr_NewBlock(int fd)
     }
     if (write_zeros(fd, PLC_REG_DAT_BLOCK) != PLC_REG_DAT_BLOCK) {
         // A partial block would shift every later block number: undo it.
-        (void)!::ftruncate(fd, old_len);
+        ignore_result(::ftruncate(fd, old_len));
         return -1;
     }
     return (old_len - 4) / PLC_REG_DAT_BLOCK;

@@ -1,3 +1,5 @@
+// Reads and writes of the local areas and the SRAM file. Each access takes
+// semaphore 0 for its whole length and never sends while holding it.
 #include "store/local_mem.h"
 
 #include <algorithm>
@@ -8,6 +10,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "base/byte_order.h"
+#include "base/ignore_result.h"
 #include "base/globals.h"
 #include "base/local_areas.h"
 #include "base/paths.h"
@@ -32,19 +36,6 @@ struct Span {
     size_t size = 0;      // data bytes, as cal_commbuf_size gives them
 };
 
-// cal_commbuf_size without the 16-bit cut, so oversized ranges are seen as such.
-int64_t range_bytes(const REG_ADDR& rec)
-{
-    const int64_t n = rec.reg_data_width;
-    switch (rec.reg_type) {
-    case 0: return (n + 7) / 8;
-    case 1: return n;
-    case 2: return 2 * n;
-    case 4: return 4 * n;
-    default: return 0;
-    }
-}
-
 // Checks the request against the data limit (the reply data and the packed
 // bits must both fit in `limit` bytes) and, for the SRAM, the bit staging limit.
 bool make_span(const REG_ADDR& rec, size_t limit, bool sram, Span& sp)
@@ -55,7 +46,7 @@ bool make_span(const REG_ADDR& rec, size_t limit, bool sram, Span& sp)
     if (sp.start < 0 || sp.count < 0) {
         return false;
     }
-    const int64_t size = range_bytes(rec);
+    const int64_t size = range_data_bytes(rec);
     const int64_t packed = sp.words ? 0 : (sp.count + 7) / 8;
     const auto lim = static_cast<int64_t>(limit);
     if (size > lim || packed > lim) {
@@ -68,37 +59,15 @@ bool make_span(const REG_ADDR& rec, size_t limit, bool sram, Span& sp)
     return true;
 }
 
-bool bit_of(const uint8_t* p, int64_t b)
-{
-    return ((p[b >> 3] >> (b & 7)) & 1) != 0;
-}
-
-void put_bit(uint8_t* p, int64_t b, bool v)
-{
-    const auto mask = static_cast<uint8_t>(1u << (b & 7));
-    if (v) {
-        p[b >> 3] |= mask;
-    } else {
-        p[b >> 3] &= static_cast<uint8_t>(~mask);
-    }
-}
-
-uint16_t le16(const uint8_t* p)
-{
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-
 // ---- local areas (caller holds the semaphore) ----
-
-bool is_local_id(uint8_t id) { return id == 249 || id == 254 || id == 255; }
 
 bool local_in_bounds(const REG_ADDR& rec, const Span& sp)
 {
-    if (!is_local_id(rec.reg_id)) {
+    if (!is_local_area(rec.reg_id)) {
         return false;
     }
     const int64_t end = sp.start + sp.count;
-    if (sp.words || rec.reg_id == 249) {
+    if (sp.words || rec.reg_id == REG_ID_LOCAL_WORD_BITS) {
         const auto bytes = static_cast<int64_t>(local_short_size());
         return local_short != nullptr && (sp.words ? end * 2 : (end + 7) / 8) <= bytes;
     }
@@ -114,7 +83,7 @@ void fetch_local(const REG_ADDR& rec, const Span& sp, uint8_t* dst)
     }
     for (int64_t i = 0; i < sp.count; ++i) {
         const int64_t b = sp.start + i;
-        const bool v = rec.reg_id == 249 ? bit_of(local_short, b) : get_bit(static_cast<int>(b)) != 0;
+        const bool v = rec.reg_id == REG_ID_LOCAL_WORD_BITS ? bit_of(local_short, b) : get_bit(static_cast<int>(b)) != 0;
         if (v) {
             put_bit(dst, i, true);
         }
@@ -130,7 +99,7 @@ void store_local(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
     for (int64_t i = 0; i < sp.count; ++i) {
         const int64_t b = sp.start + i;
         const bool v = bit_of(src, i);
-        if (rec.reg_id == 249) {
+        if (rec.reg_id == REG_ID_LOCAL_WORD_BITS) {
             put_bit(local_short, b, v);
         } else if (v) {
             set_bit(static_cast<int>(b));
@@ -174,7 +143,7 @@ bool sram_base(int64_t& base)
         return false;
     }
     const uint8_t* p = local_short + SRAM_BASE_WORD * 2;
-    base = static_cast<int64_t>(le16(p)) + 65536 * static_cast<int64_t>(le16(p + 2));
+    base = static_cast<int64_t>(get_le16(p)) + 65536 * static_cast<int64_t>(get_le16(p + 2));
     return true;
 }
 
@@ -213,14 +182,12 @@ bool sram_locate(const REG_ADDR& rec, const Span& sp, SramSpan& out)
 // Short or failed reads leave the zeroed buffers as they are.
 void sram_pread(int fd, uint8_t* buf, size_t len, off_t offset)
 {
-    const ssize_t got = ::pread(fd, buf, len, offset);
-    (void)got;
+    ignore_result(::pread(fd, buf, len, offset));
 }
 
 void sram_pwrite(int fd, const uint8_t* buf, size_t len, off_t offset)
 {
-    const ssize_t put = ::pwrite(fd, buf, len, offset);
-    (void)put;
+    ignore_result(::pwrite(fd, buf, len, offset));
 }
 
 // Checks that the SRAM file opened and where the range lies in it;
@@ -284,14 +251,6 @@ size_t status_reply(uint8_t* reply, const uint8_t* status)
     return produce_ack_pack(reply, head, status, 4);
 }
 
-// [command][0][3][sum]: the refusal of a range outside the areas.
-size_t refusal_reply(uint8_t* reply, uint8_t command)
-{
-    uint8_t status[4] = {command, 0, 3, 0};
-    status[3] = check_sum(status, 3);
-    return status_reply(reply, status);
-}
-
 size_t data_reply(uint8_t* reply, uint8_t command, const uint8_t* data, size_t size)
 {
     return produce_read_ack_pack(reply, head, static_cast<uint16_t>(size), command, data);
@@ -313,8 +272,7 @@ size_t append_entry(uint8_t* reply, size_t write_pos, int item_index, uint16_t& 
     if (write_pos + 2 + 1 > PACKET_BUF_SIZE) {
         return 0;
     }
-    reply[slot] = static_cast<uint8_t>(running_offset & 0xFF);
-    reply[slot + 1] = static_cast<uint8_t>(running_offset >> 8);
+    put_le16(reply + slot, running_offset);
     size_t len = 2;
     if (ok) {
         len = produce_sub_read_ack_pack(reply + write_pos, static_cast<uint16_t>(size), data);
@@ -342,7 +300,7 @@ size_t read_local_mem(const REG_ADDR& rec, uint8_t command, uint8_t* reply)
     ShmSemGuard sem(semid);
     Span sp;
     if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
-        return refusal_reply(reply, command);
+        return produce_refusal_pack(reply, command);
     }
     fetch_local(rec, sp, data);
     return data_reply(reply, command, data, sp.size);
@@ -357,7 +315,7 @@ size_t read_sram(const REG_ADDR& rec, uint8_t command, uint8_t* reply)
     if (a == Access::done) {
         return data_reply(reply, command, data, sp.size);
     }
-    return a == Access::refused ? refusal_reply(reply, command) : 0;
+    return a == Access::refused ? produce_refusal_pack(reply, command) : 0;
 }
 
 size_t sub_read_local_mem(const REG_ADDR& rec, uint8_t* reply_packet, size_t write_pos,
@@ -416,9 +374,9 @@ size_t write_local_mem(const REG_ADDR& rec, const uint8_t* data, int data_len, u
     ShmSemGuard sem(semid);
     Span sp;
     if (!make_span(rec, LOCAL_DATA_MAX, false, sp) || !local_in_bounds(rec, sp)) {
-        return refusal_reply(reply, CMD_WRITE);
+        return produce_refusal_pack(reply, CMD_WRITE);
     }
-    if (!sp.words && rec.reg_id == 249) {
+    if (!sp.words && rec.reg_id == REG_ID_LOCAL_WORD_BITS) {
         std::printf("length=%d\r\n", rec.reg_data_width);
     }
     store_local(rec, sp, src);
@@ -435,7 +393,7 @@ size_t write_sram(const REG_ADDR& rec, const uint8_t* data, int data_len, uint8_
     if (a == Access::done) {
         return status_reply(reply, write_success);
     }
-    return a == Access::refused ? refusal_reply(reply, CMD_WRITE) : 0;
+    return a == Access::refused ? produce_refusal_pack(reply, CMD_WRITE) : 0;
 }
 
 bool write_local_mem_rw(const REG_ADDR& rec, const uint8_t* buf, size_t buf_size)

@@ -1,3 +1,5 @@
+// Read-modify-write operations applied in place on the caller's value buffer,
+// which holds at least 8 bytes from the value's start.
 #include "store/rw_operation.h"
 
 #include <algorithm>
@@ -57,11 +59,6 @@ int value_bytes(const REG_ADDR& reg, int limit)
 int bcd_digits(const REG_ADDR& reg)
 {
     return std::clamp(2 * static_cast<int>(reg.reg_type) * reg.reg_data_width, 0, 8);
-}
-
-int32_t wrap_add(int32_t a, int32_t b)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
 
 int32_t wrap_sub(int32_t a, int32_t b)

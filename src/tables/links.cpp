@@ -14,7 +14,10 @@ lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
 
 void links_init()
 {
-    // Sentinels live for the whole process; value-initialisation zero-fills them.
+    // Sentinels live for the whole process; value-initialisation zero-fills
+    // them. Start-up allocations use plain new: without them nothing can run,
+    // so std::bad_alloc ending the process is right. Nodes allocated while
+    // serving use new (std::nothrow) and their callers handle nullptr.
     FAT_link_head = new FAT_node{};
     FAT_link_tail = new FAT_node{};
     ORT_link_head = new ORG_node{};

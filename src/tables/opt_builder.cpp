@@ -49,6 +49,8 @@ void opt_limits_for(const OPT_limits& limits, int reg_type, int32_t& max_len, in
     }
 }
 
+// Sentinels are allocated when a port thread starts and live as long as it;
+// like every start-up allocation they use plain new (see links_init).
 void opt_list_init(OPT_node*& head, OPT_node*& tail)
 {
     head = new OPT_node{};

@@ -51,7 +51,7 @@ bool same_request(const RORT_node* n, const REG_ADDR& rec, const rw_oper& key, i
     // A read-modify-write is also identified by its operation, step and
     // limits (the first four fields of the block).
     return n->req_type == req_type && reg_addr_equal(n->reg_addr, rec) &&
-           (req_type != 2 || std::memcmp(&n->rw_oper, &key, 16) == 0);
+           (req_type != REQ_RMW || std::memcmp(&n->rw_oper, &key, 16) == 0);
 }
 
 // Older requests of the owner with the new request's identity can no longer
@@ -63,7 +63,7 @@ void retire_older(const RORT_node* node)
         if (!n->retired && n->owner == node->owner &&
             same_request(n, node->reg_addr, node->rw_oper, node->req_type)) {
             n->retired = true;
-            if (n->status != 0) {
+            if (n->status != STATUS_PENDING) {
                 delete_realtime_link(n);
             }
         }
@@ -75,7 +75,7 @@ void retire_older(const RORT_node* node)
 bool pending_equal_read(const REG_ADDR& rec)
 {
     for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
-        if (n->req_type == 0 && n->status == 0 && !n->retired && reg_addr_equal(n->reg_addr, rec)) {
+        if (n->req_type == REQ_READ && n->status == STATUS_PENDING && !n->retired && reg_addr_equal(n->reg_addr, rec)) {
             return true;
         }
     }
@@ -92,7 +92,7 @@ RealtimeInsert insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int re
     }
     node->age = 0;
     node->req_type = static_cast<int16_t>(req_type);
-    node->status = 0;
+    node->status = STATUS_PENDING;
     node->reg_addr = rec;
     node->owner = owner;
     node->retired = false;
@@ -105,7 +105,7 @@ RealtimeInsert insert_realtime_link(RORT_node* node, const REG_ADDR& rec, int re
     // Only reads may be merged, and only into one that is still to be
     // served: a done read would hand the new client values from before its
     // request.
-    if (req_type == 0 && table_flag_merge_realtime_reads() && pending_equal_read(rec)) {
+    if (req_type == REQ_READ && table_flag_merge_realtime_reads() && pending_equal_read(rec)) {
         free_realtime_node(node);
         return RealtimeInsert::merged;
     }
@@ -147,7 +147,7 @@ RORT_node* check_realtime_link(int port)
 {
     std::lock_guard lock(mutex);
     for (RORT_node* n = RORT_link_head->next; n != RORT_link_tail; n = n->next) {
-        if (n->status == 0 && n->reg_addr.deviceport_id == port) {
+        if (n->status == STATUS_PENDING && n->reg_addr.deviceport_id == port) {
             return n;
         }
     }

@@ -56,7 +56,7 @@ void sweep_realtime()
     RORT_node* node = RORT_link_head->next;
     while (node != RORT_link_tail) {
         RORT_node* next = node->next;
-        const bool done = node->status != 0;
+        const bool done = node->status != STATUS_PENDING;
         if (node->age > 2 || (done && node->retired))
             delete_realtime_link(node);
         else if (done || !port_has_thread(node->reg_addr.deviceport_id))

@@ -161,8 +161,8 @@ void insert_NULL_ORG(ORG_node* node, const REG_ADDR& rec)
 {
     assert(may_link());
     node->age = 0;
-    node->status = 0;
-    node->part_status = 0;
+    node->status = STATUS_PENDING;
+    node->part_status = STATUS_PENDING;
     node->refresh_time = 0;
     node->reg_addr = rec;
     node->prev = ORT_link_head;
@@ -176,8 +176,8 @@ void insert_ORG(ORG_node* node, const REG_ADDR& rec, ORG_node* pos)
     assert(may_link());
     node->refresh_time = static_cast<uint32_t>(time(nullptr));
     node->age = 0;
-    node->part_status = 0;
-    node->status = table_flag_new_range_valid() ? 1 : 0;
+    node->part_status = STATUS_PENDING;
+    node->status = table_flag_new_range_valid() ? STATUS_OK : STATUS_PENDING;
     node->reg_addr = rec;
     node->prev = pos;
     node->next = pos->next;
