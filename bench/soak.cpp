@@ -573,9 +573,9 @@ rig::Config server_config(int ports)
 {
     rig::Config cfg;
     for (int p = 0; p < ports; ++p) {
-        rig::PortSpec spec;
-        spec.drv_param1 = static_cast<uint32_t>(p); // the simulated bus is the port number
-        cfg.ports.push_back(spec);
+        rig::PortSpec port;
+        port.drv_param1 = static_cast<uint32_t>(p); // the simulated bus is the port number
+        cfg.ports.push_back(port);
     }
     // Short sweeps, so the sweeper runs often under load; results are
     // collected well within the three sweeps that retire them.
