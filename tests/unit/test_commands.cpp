@@ -93,18 +93,6 @@ protected:
     std::string out_;
 };
 
-TEST_F(Commands, ComReadRegistersOnceThenAnswersFromTheCache)
-{
-    const REG_ADDR r = make_rec(PLAIN_PORT, 1, 2, 1, 0, 2);
-    EXPECT_EQ(run(cmd_com_read, request(3, r)), status(3, 0, 1)); // registers the range
-    ORG_node* o = cache(r, 1, {0x11, 0x22, 0x33, 0x44});           // the same node, now polled
-    o->age = 2;
-    EXPECT_EQ(run(cmd_com_read, request(3, r)), data_reply(3, {0x11, 0x22, 0x33, 0x44}));
-    EXPECT_EQ(o->age, 0); // a read makes the range young again
-    o->status = 2;
-    EXPECT_EQ(run(cmd_com_read, request(3, r)), status(3, 0, 2));
-}
-
 TEST_F(Commands, SubReadOffsetsModbusBitsAndTimedOutStation)
 {
     const REG_ADDR words = make_rec(PLAIN_PORT, 1, 2, 1, 0, 2);

@@ -1,9 +1,6 @@
 // Registration, unregistration and ordering of the FAT and ORG lists.
 #include <gtest/gtest.h>
 
-#include <random>
-#include <set>
-
 #include "unit_util.h"
 
 using namespace table_test;
@@ -75,52 +72,6 @@ TEST_F(TableOps, ZeroAndNegativeSizesStillGetACache)
     EXPECT_NE(reg(make_rec(1, 1, 3, 1, 0, 4))->data, nullptr);       // unknown type: size 0
     EXPECT_NE(reg(make_rec(1, 1, 2, 1, 0, 0))->data, nullptr);       // width 0
     EXPECT_NE(reg(make_rec(1, 1, 4, 1, 0, 30000))->data, nullptr);   // size wraps negative
-}
-
-// Random registrations and unregistrations with simulated port-thread passes,
-// checked against a set of records. Odd seeds spread ranges widely; even seeds
-// keep areas tiny so groups often empty out, grow behind their parking node
-// and get refilled.
-TEST_F(TableOps, RandomSequencesKeepEveryInvariant)
-{
-    for (unsigned seed = 1; seed <= 8; ++seed) {
-        SCOPED_TRACE(seed);
-        reset_area_tables();
-        std::mt19937 rng(seed);
-        auto pick = [&](int n) { return static_cast<int>(rng() % n); };
-        const bool broad = seed % 2 == 1;
-        const int phase = broad ? 150 : 60, free_odds = broad ? 8 : 16;
-        std::set<std::string> model;
-        for (int step = 0; step < 1500; ++step) {
-            REG_ADDR r = make_rec(static_cast<uint8_t>(pick(2)), static_cast<uint8_t>(pick(3)),
-                                  static_cast<uint8_t>(pick(2) * 2), 1, pick(broad ? 3 : 2) - 1,
-                                  static_cast<int16_t>(1 + pick(broad ? 2 : 1)), pick(4) == 0);
-            const std::string key(reinterpret_cast<const char*>(&r), sizeof r);
-            const int op = pick(10);
-            if (op < ((step / phase) % 2 == 0 ? 6 : 3)) {   // filling and draining phases
-                OrtFatResult res = reg_range(r);
-                ASSERT_NE(res.org, nullptr);
-                ASSERT_EQ(res.created, model.insert(key).second) << "step " << step;
-                ASSERT_TRUE(reg_addr_equal(res.org->reg_addr, r));
-            } else if (op < 9) {
-                unreg_range(r);
-                model.erase(key);
-            } else {
-                for (FAT_node *f = FAT_link_head->next, *next; f != FAT_link_tail; f = next) {
-                    next = f->next;
-                    if (f->change_state == 2 && pick(free_odds) == 0) {
-                        f->prev->next = next;
-                        next->prev = f->prev;
-                        delete f;
-                    } else if (f->change_state == 1) {
-                        f->change_state = 0;
-                    }
-                }
-            }
-            ASSERT_TRUE(tables_consistent()) << "step " << step;
-            ASSERT_EQ(org_ranges().size(), model.size()) << "step " << step;
-        }
-    }
 }
 
 } // namespace
