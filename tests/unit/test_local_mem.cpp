@@ -1,4 +1,6 @@
-// Local register and SRAM access over a fake segment and a temporary SRAM file.
+// Local register and SRAM access over a fake segment and a temporary SRAM
+// file: the bounds, offsets and entries a running server cannot show exactly.
+// Expected replies are built by hand (unit_util.h), never by the builders.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -20,7 +22,6 @@ constexpr uint32_t SHORT_OFF = 0x100;
 constexpr uint32_t SHORT_BYTES = 20000; // words 0..9999
 constexpr uint32_t BIT_OFF = SHORT_OFF + SHORT_BYTES;
 constexpr uint32_t BIT_BYTES = 2048;    // bits 0..16383
-constexpr size_t SEG_SIZE = BIT_OFF + BIT_BYTES;
 
 REG_ADDR rec(uint8_t id, uint8_t type, int32_t start, int16_t width)
 {
@@ -31,10 +32,10 @@ class LocalMem : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        seg_.assign(SEG_SIZE + 64, 0); // 64 guard bytes past the segment
+        seg_.assign(BIT_OFF + BIT_BYTES + 64, 0); // 64 guard bytes past the segment
         local_short = seg_.data() + SHORT_OFF;
         local_bit = seg_.data() + BIT_OFF;
-        local_areas_init(SEG_SIZE, SHORT_OFF, BIT_OFF);
+        local_areas_init(BIT_OFF + BIT_BYTES, SHORT_OFF, BIT_OFF);
         semid = -1;
         char tmpl[] = "/tmp/sram_test_XXXXXX";
         close(mkstemp(tmpl)); // empty: short reads leave zeros
@@ -53,7 +54,6 @@ protected:
     Bytes reply(size_t n) const { return Bytes(reply_, reply_ + n); }
     Bytes local(const REG_ADDR& r, uint8_t cmd) { return reply(read_local_mem(r, cmd, reply_)); }
     Bytes sram_read(const REG_ADDR& r, uint8_t cmd) { return reply(read_sram(r, cmd, reply_)); }
-    Bytes write(const REG_ADDR& r, const uint8_t* data, int n) { return reply(write_local_mem(r, data, n, reply_)); }
     void set_word(size_t w, uint16_t v) { std::memcpy(local_short + 2 * w, &v, 2); }
 
     Bytes seg_;
@@ -124,7 +124,7 @@ TEST_F(LocalMem, OutOfBoundsRequestsAreRefusedWithoutTouchingMemory)
 
     const uint8_t ones[LOCAL_DATA_MAX] = {0xFF};
     testing::internal::CaptureStdout();
-    const Bytes write_refused = write(rec(254, 0, BIT_BYTES * 8 - 1, 2), ones, 1);
+    const Bytes write_refused = reply(write_local_mem(rec(254, 0, BIT_BYTES * 8 - 1, 2), ones, 1, reply_));
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(write_refused, packet({5, 0, 3}));
     EXPECT_FALSE(write_local_mem_rw(rec(249, 2, 0, 65), ones)); // beyond the 128-byte value buffer
