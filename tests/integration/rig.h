@@ -1,12 +1,16 @@
-// Integration test rig: writes a comhost configuration into a temp
-// directory, starts comhost (and through it comserver) on a free TCP port,
-// captures their output, and stops everything by PID at the end.
+// Integration test rig: child processes in their own temp directories with
+// their output captured, and comhost (and through it comserver) started on a
+// free loopback TCP port from a configuration the test describes. Everything
+// is stopped by PID and its directory removed; waits go through eventually().
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <map>
 #include <string>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -38,30 +42,48 @@ struct Config {
     int low_fds_taken = 0;
 };
 
-class Server {
+// A child process whose stdout and stderr go to <dir>/output.log, in a temp
+// directory of its own; killed and the directory removed on destruction.
+class Process {
+public:
+    explicit Process(const std::string& what);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Forks and executes argv[0] (searched in PATH); in_child runs in the child just before.
+    void spawn(const std::vector<std::string>& argv, const std::function<void()>& in_child = {});
+    // SIGTERM, then waits; the exit status, -1 when it had to be killed or died of a signal.
+    int stop(std::chrono::milliseconds deadline = std::chrono::seconds(10));
+    void kill_hard();
+
+    pid_t pid() const { return pid_; }
+    const std::string& dir() const { return dir_; }
+    std::string output() const;
+    // Waits until the output contains text (from byte `from` on).
+    bool wait_for(const std::string& text, std::chrono::milliseconds deadline = std::chrono::seconds(15),
+                  size_t from = 0) const;
+    size_t count(const std::string& text) const;
+
+private:
+    std::string dir_;
+    pid_t pid_ = -1;
+};
+
+class Server : public Process {
 public:
     explicit Server(Config cfg);
-    ~Server();
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
+    ~Server() { stop(); }
 
     // Starts comhost and waits until the server has written its pid.
     void start();
     // SIGTERM to comhost (which forwards it), wait, SIGKILL as a last resort.
     void stop();
-
-    // Waits until the captured output contains text (from byte `from` on).
-    bool wait_for(const std::string& text, std::chrono::milliseconds deadline = std::chrono::seconds(15),
-                  size_t from = 0) const;
-    // Counts occurrences of text in the output.
-    size_t count(const std::string& text) const;
-    std::string output() const;
     // Connected socket to the server's listener, retried until the deadline; -1 on failure.
     int connect_client(std::chrono::milliseconds deadline = std::chrono::seconds(15)) const;
 
     // Extra environment for comhost/comserver, set before start() (e.g. files under dir()).
     void set_env(const std::string& key, const std::string& value) { cfg_.env[key] = value; }
-    const std::string& dir() const { return dir_; }
     int tcp_port() const { return cfg_.tcp_port; }
     pid_t server_pid() const { return server_pid_; }
     int shmid() const { return shmid_; }
@@ -71,13 +93,18 @@ private:
     void write_config() const;
 
     Config cfg_;
-    std::string dir_;
-    pid_t host_pid_ = -1;
     pid_t server_pid_ = -1;
     int shmid_ = -1;
     int semid_ = -1;
 };
 
+// A TCP socket (type_flags: SOCK_NONBLOCK, SOCK_CLOEXEC) listening on a free loopback port.
+int listen_socket(int type_flags = 0);
+// The local port of a bound socket.
+int local_port(int fd);
+// A TCP socket connecting to a loopback port: -1 when a blocking connect fails;
+// a non-blocking one may still be connecting. rcvbuf > 0 sets SO_RCVBUF first.
+int connect_socket(int port, int type_flags = 0, int rcvbuf = 0);
 // A loopback TCP port that was free a moment ago.
 int free_tcp_port();
 
@@ -85,14 +112,11 @@ int free_tcp_port();
 template <typename Pred>
 bool eventually(Pred pred, std::chrono::milliseconds deadline = std::chrono::seconds(10))
 {
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    for (;;) {
-        if (pred()) {
+    for (const auto end = std::chrono::steady_clock::now() + deadline;;) {
+        if (pred())
             return true;
-        }
-        if (std::chrono::steady_clock::now() >= end) {
+        if (std::chrono::steady_clock::now() >= end)
             return pred();
-        }
         struct timespec ts {0, 10 * 1000 * 1000};
         nanosleep(&ts, nullptr);
     }

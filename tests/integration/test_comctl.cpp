@@ -1,8 +1,6 @@
 // comctl against the real server: a write lands in the local word area, a
 // cached read and a realtime read print their values, and the exit status
 // tells success, an error status and a failed connection apart.
-#include <gtest/gtest.h>
-
 #include "itest_util.h"
 
 namespace {

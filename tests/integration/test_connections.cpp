@@ -1,11 +1,6 @@
 // Connection handling under load: a burst of clients on descriptors numbered
 // above 1024, the connection cap, and a client that stops reading its
 // replies while other clients and the port threads carry on.
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,20 +21,6 @@ namespace {
 const RegAddr kLocalWord = rec(0, 0, 2, 255, 10, 1);
 constexpr size_t kLocalWordReply = 17; // header, [3][1][u16 2][2 bytes][sum]
 
-// A non-blocking TCP socket connecting to the server (the connect may still be under way).
-int start_connect(const rig::Server& s, int rcvbuf = 0)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    if (rcvbuf > 0)
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(s.tcp_port()));
-    ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    return fd;
-}
-
 // Connects n clients at once, sends each a local read and waits until every
 // one has its whole reply or the deadline passes. Returns the sockets of the
 // clients answered.
@@ -47,7 +28,7 @@ std::vector<int> burst(const rig::Server& s, size_t n, std::chrono::milliseconds
 {
     std::vector<int> fds;
     for (size_t i = 0; i < n; ++i)
-        fds.push_back(start_connect(s));
+        fds.push_back(rig::connect_socket(s.tcp_port(), SOCK_NONBLOCK));
     const Bytes req = comclient::encode_record(Command::com_read, kLocalWord);
     std::vector<size_t> sent(n, 0), got(n, 0);
     std::vector<int> answered;
@@ -76,9 +57,7 @@ void close_all(std::vector<int>& fds)
 
 TEST(Connections, BurstOnHighDescriptorsUpToTheCap)
 {
-    rig::Config cfg;
-    cfg.low_fds_taken = 1100; // every descriptor the server opens is above 1024
-    rig::Server server(cfg);
+    rig::Server server({.low_fds_taken = 1100}); // every descriptor the server opens is above 1024
     server.start();
 
     // A short listen backlog shows as connects retried after seconds: the
@@ -120,7 +99,7 @@ TEST(Connections, ClientThatStopsReadingStallsNobody)
     const RegAddr local = rec(0, 0, 2, 255, 0, 256);
     std::vector<int> stuck;
     for (const RegAddr& r : {big, local}) {
-        const int fd = start_connect(*sim.server, 4096);
+        const int fd = rig::connect_socket(sim.server->tcp_port(), SOCK_NONBLOCK, 4096);
         const Bytes req = comclient::encode_record(Command::com_read, r);
         size_t at = 0; // sends may end inside a request: go on from there
         ASSERT_TRUE(rig::eventually([&] {

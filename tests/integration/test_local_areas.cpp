@@ -2,7 +2,8 @@
 // what the test puts into the shared segment or the SRAM file, and writes
 // land there.
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <filesystem>
+#include <fstream>
 #include <unistd.h>
 
 #include "comclient_c.h"
@@ -20,10 +21,8 @@ TEST(LocalAreas, ReadsAndWritesReachTheSegmentAndTheSramFile)
 {
     rig::Server server{rig::Config{}};
     const std::string sram = server.dir() + "/sram";
-    const int sram_fd = ::open(sram.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-    ASSERT_GE(sram_fd, 0);
-    ASSERT_EQ(::ftruncate(sram_fd, 64 * 1024), 0);
-    ::close(sram_fd);
+    std::ofstream(sram).close();
+    std::filesystem::resize_file(sram, 64 * 1024);
     server.start();
     const itest::Segment seg(server.shmid(), true);
     // Puts bytes at a data word of the SRAM file (byte 1024 + 2k), or reads them back.
@@ -42,8 +41,7 @@ TEST(LocalAreas, ReadsAndWritesReachTheSegmentAndTheSramFile)
     };
     // A write on a fresh connection; true when write_success came back.
     auto write = [&](const comclient::RegAddr& r, const Bytes& data) {
-        const comclient::Reply rep = itest::connect(server, 2s).write(r, data);
-        return rep.kind == ReplyKind::status && rep.command == 5 && rep.ok && rep.err == 0;
+        return itest::is_status(itest::connect(server, 2s).write(r, data), 5, 0);
     };
 
     for (uint32_t b : {29u, 30u, 31u, 33u, 49u, 50u}) seg.set_bit(b, true);
@@ -75,14 +73,10 @@ TEST(LocalAreas, CInterfaceWritesAndReadsALocalWord)
 {
     rig::Server server{rig::Config{}};
     server.start();
-    ::close(server.connect_client());
+    ::close(server.connect_client()); // listening
     comclient_conn* c = comclient_connect("127.0.0.1", static_cast<uint16_t>(server.tcp_port()), 2000);
     ASSERT_NE(c, nullptr);
-    comclient_reg_addr r{};
-    r.type = 2;
-    r.kind = 255;
-    r.start = 40;
-    r.count = 1;
+    const comclient_reg_addr r{.type = 2, .kind = 255, .start = 40, .count = 1};
     const uint8_t value[2] = {0x34, 0x12};
     EXPECT_EQ(comclient_write(c, &r, value, sizeof value), 0);
     uint8_t buf[2] = {};

@@ -1,12 +1,8 @@
 // The polling engine end to end through the simulated plug-in: caches,
-// merged neighbouring ranges, a silent station, the data files and the
-// suspend bit.
+// merged neighbouring ranges, a silent station and the data files.
 #include <cstdio>
 #include <fstream>
-#include <gtest/gtest.h>
-#include <thread>
 #include <tuple>
-#include <utility>
 
 #include "itest_util.h"
 
@@ -21,21 +17,14 @@ namespace {
 
 constexpr uint32_t kBus = 0;
 constexpr uint32_t kPortStateBit = 9500; // + port 0
-constexpr uint32_t kSuspendBit = 9923;
 
 class Polling : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        rig::Config cfg;
-        rig::PortSpec p;
-        p.plc_driver_no = 5;
-        p.drv_param1 = kBus;
-        p.max_words = 64;
-        p.word_gap = 4;
-        cfg.ports = {p};
-        cfg.initial_bits = {9924}; // register data files on
-        sim_ = std::make_unique<itest::SimServer>(cfg);
+        // Bit 9924: register data files on.
+        sim_ = std::make_unique<itest::SimServer>(
+            rig::Config{.ports = {{.plc_driver_no = 5, .drv_param1 = kBus, .word_gap = 4}}, .initial_bits = {9924}});
         sim_->server->start();
     }
     static void TearDownTestSuite() { sim_.reset(); }
@@ -61,9 +50,8 @@ std::unique_ptr<itest::SimServer> Polling::sim_;
 
 TEST_F(Polling, RangesArePolledIntoTheirCachesAndDataFiles)
 {
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; ++i)
         sim_control_set_value(ctl(), kBus, 1, 3, 2, i, 0x100u + i);
-    }
     Client c = itest::connect(server());
     const RegAddr a = rec(0, 1, 2, 3, 10, 4);
     const RegAddr b = rec(0, 1, 2, 3, 16, 2); // gap of 2 words, the port bridges 4
@@ -81,9 +69,8 @@ TEST_F(Polling, RangesArePolledIntoTheirCachesAndDataFiles)
         return merged_at != 0;
     }));
     ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 1, merged_at, 10));
-    for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, merged_at)) {
+    for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, merged_at))
         EXPECT_EQ(std::tuple(call.reg_id, call.start, call.count), std::tuple(3, 10, 8));
-    }
     EXPECT_EQ(itest::read_until_data(c, b).data, le16s({0x110, 0x111}));
 
     // The caches and the data file keep following the station; the data file
@@ -107,10 +94,7 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
 
     const size_t mark = server().output().size();
     sim_control_set_station(ctl(), kBus, 3, SIM_TIMEOUT, 0);
-    EXPECT_TRUE(rig::eventually([&] {
-        const comclient::Reply rep = c.com_read(r);
-        return rep.kind == comclient::ReplyKind::status && !rep.ok && rep.err == 2;
-    })) << "com_read_err_02 expected";
+    EXPECT_TRUE(rig::eventually([&] { return itest::is_error(c.com_read(r), 2); }));
     EXPECT_TRUE(server().wait_for("Plc(3) NG\n[C", 5s, mark)) << server().output().substr(mark);
     EXPECT_EQ(server().count("Plc(3) NG"), 1u); // printed at the first time-out only
     EXPECT_TRUE(seg.bit(kPortStateBit));
@@ -124,27 +108,6 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
     EXPECT_TRUE(rig::eventually([&] { return !seg.bit(kPortStateBit); }));
     EXPECT_EQ(itest::read_until_data(c, r).data, le16s({0x3334}));
     EXPECT_TRUE(rig::eventually([&] { return data_file(3, 0, 4) == status(1); }));
-}
-
-TEST_F(Polling, SuspendBitStopsAndResumesBlockReads)
-{
-    Client c = itest::connect(server());
-    const RegAddr r = rec(0, 4, 2, 3, 0, 1);
-    c.register_areas(std::span(&r, 1));
-    ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 4, sim_control_call_count(ctl()), 5));
-
-    itest::Segment seg(server().shmid(), true);
-    seg.set_bit(kSuspendBit, true);
-    // The read under way when the bit was set may still finish; then nothing.
-    uint64_t last = UINT64_MAX;
-    ASSERT_TRUE(rig::eventually([&] {
-        const uint64_t now = sim_control_call_count(ctl());
-        return std::exchange(last, now) == now;
-    }, 5s));
-    std::this_thread::sleep_for(200ms); // a window in which polling would log hundreds of reads
-    EXPECT_EQ(sim_control_call_count(ctl()), last);
-    seg.set_bit(kSuspendBit, false);
-    EXPECT_TRUE(itest::wait_reads(ctl(), kBus, 4, last, 5));
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 // Client packet protocol and range registration, end to end: the bytes on
 // the wire, request framing, malformed requests, and what registration makes
 // the port threads poll (seen in the simulated plug-in's call log).
-#include <gtest/gtest.h>
+#include <array>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <array>
 #include <thread>
 
 #include "itest_util.h"
@@ -52,9 +50,8 @@ class Protocol : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        rig::Config cfg;
-        cfg.ports = {{.plc_driver_no = 5, .drv_param1 = 0}, {.plc_driver_no = 50, .drv_param1 = 1}};
-        sim_ = std::make_unique<itest::SimServer>(cfg);
+        sim_ = std::make_unique<itest::SimServer>(
+            rig::Config{.ports = {{.plc_driver_no = 5, .drv_param1 = 0}, {.plc_driver_no = 50, .drv_param1 = 1}}});
         sim_->server->start();
         // One range per port keeps both port threads polling, so that "a
         // rebuild pass has run since" can be waited for as further reads.
@@ -66,8 +63,11 @@ protected:
     static rig::Server& server() { return *sim_->server; }
     static SimControl& ctl() { return *sim_->ctl; }
 
-    // Waits until the port's heartbeat station was read 30 more times from seq `from` on.
-    static bool port_cycled(uint32_t bus, uint64_t from) { return itest::wait_reads(ctl(), bus, kHeartbeat, from, 30); }
+    // Waits until the port's heartbeat station was read 30 more times.
+    static bool port_cycled(uint32_t bus)
+    {
+        return itest::wait_reads(ctl(), bus, kHeartbeat, sim_control_call_count(ctl()), 30);
+    }
 
     // Registers recs, checks that every read of their station asks for
     // {reg_id, reg_type, start, count}, then unregisters recs[0] once and
@@ -84,7 +84,7 @@ protected:
 
         EXPECT_EQ(c.unregister_areas(std::span(&r, 1)).command, 2);
         const uint64_t after = sim_control_call_count(ctl());
-        ASSERT_TRUE(port_cycled(r.port, after));
+        ASSERT_TRUE(port_cycled(r.port));
         // At most the read already under way when the request arrived.
         EXPECT_LE(itest::reads_of(ctl(), r.port, r.station, after).size(), 1u);
     }
@@ -127,7 +127,7 @@ TEST_F(Protocol, RegistrationDecidesWhatIsPolled)
         EXPECT_EQ(c.receive_reply().data, itest::le16s({0x0a0b}));
 
         EXPECT_TRUE(itest::wait_reads(ctl(), 0, 13, from, 5)); // the whole record is registered
-        ASSERT_TRUE(port_cycled(1, sim_control_call_count(ctl())));
+        ASSERT_TRUE(port_cycled(1));
         EXPECT_TRUE(itest::reads_of(ctl(), 1, 0, from).empty()); // the phantom is not
     }
 }
@@ -152,7 +152,7 @@ TEST_F(Protocol, FramingOfSplitCoalescedAndUnknownRequests)
     c.send_raw(concat({zero, comclient::make_packet(11, Bytes{}), comclient::make_packet(3, Bytes(10, 0)),
                        comclient::make_packet(9, Bytes(record.begin(), record.end())),
                        comclient::encode_record(Command::com_read, rec(0, 10, 2, 3, 0, 2))}));
-    EXPECT_EQ(itest::recv_exact(c, 14), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 3, 0, 1, 4}));
+    EXPECT_EQ(c.receive_reply().packet, (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 3, 0, 1, 4}));
 
     // One request in three pieces, the first one shorter than the header.
     send_pieces(c, read, {5, 15});
@@ -161,10 +161,10 @@ TEST_F(Protocol, FramingOfSplitCoalescedAndUnknownRequests)
     // Three requests in one send: three replies, in request order, byte-exact.
     const Bytes reg0 = comclient::make_packet(1, Bytes{0});
     c.send_raw(concat({reg0, read, comclient::make_packet(2, Bytes{0})}));
-    EXPECT_EQ(itest::recv_exact(c, 13 + 19 + 13),
-              concat({{1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 1, 1, 2},
-                      {1, 0, 0, 0, 0, 0, 0, 0, 9, 0, 3, 1, 4, 0, 0x34, 0x12, 0x78, 0x56, 0x1c},
-                      {1, 0, 0, 0, 0, 0, 0, 0, 3, 0, 2, 1, 3}}));
+    const Bytes head{1, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(c.receive_reply().packet, concat({head, {3, 0, 1, 1, 2}}));
+    EXPECT_EQ(c.receive_reply().packet, concat({head, {9, 0, 3, 1, 4, 0, 0x34, 0x12, 0x78, 0x56, 0x1c}}));
+    EXPECT_EQ(c.receive_reply().packet, concat({head, {3, 0, 2, 1, 3}}));
 
     // Piece boundaries inside packets: the end of one and the start of the next together.
     send_pieces(c, concat({read, reg0}), {20, read.size() + 4});
@@ -218,10 +218,7 @@ TEST_F(Protocol, FramingErrorsCloseOnlyTheirConnection)
 // removes nothing: the range stays polled and cached.
 TEST(ProtocolKeepFlag, UnregisterLeavesRangesInPlace)
 {
-    rig::Config cfg;
-    cfg.ports = {{.plc_driver_no = 5}};
-    cfg.initial_bits = {9261};
-    itest::SimServer sim(cfg);
+    itest::SimServer sim({.ports = {{.plc_driver_no = 5}}, .initial_bits = {9261}});
     sim.server->start();
     sim_control_set_value(*sim.ctl, 0, 1, 3, 2, 7, 4321);
 

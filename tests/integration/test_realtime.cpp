@@ -1,10 +1,9 @@
 // Realtime requests end to end through the client library: reads, writes and
 // read-modify-writes are queued, served by the port thread through the
 // simulated plug-in and collected with their check commands; a write also
-// refreshes the caches it overlaps. A second server with a one-second sweep
-// shows the sweeper retiring a range nobody reads while a read range stays.
-#include <gtest/gtest.h>
-
+// refreshes the caches it overlaps while the suspend bit stops block polling.
+// A second server with a one-second sweep shows the sweeper retiring a range
+// nobody reads while a read range stays.
 #include <utility>
 
 #include "itest_util.h"
@@ -26,15 +25,7 @@ constexpr uint32_t kBus = 0;
 constexpr uint8_t kKind = 3;           // PLC register kind used throughout
 constexpr uint32_t kSuspendBit = 9923; // suspends block polling
 
-rig::Config one_port()
-{
-    rig::PortSpec p;
-    p.plc_driver_no = 5;
-    p.drv_param1 = kBus;
-    rig::Config cfg;
-    cfg.ports = {p};
-    return cfg;
-}
+const rig::Config kOnePort{.ports = {{.plc_driver_no = 5, .drv_param1 = kBus}}};
 
 // Driver calls (reads and writes) of one station from seq `from` on, oldest first.
 std::vector<std::pair<uint32_t, int32_t>> calls_of(SimControl& ctl, uint16_t station, uint64_t from)
@@ -48,27 +39,12 @@ std::vector<std::pair<uint32_t, int32_t>> calls_of(SimControl& ctl, uint16_t sta
 
 TEST(Realtime, RequestsAreQueuedServedAndCollected)
 {
-    itest::SimServer sim(one_port());
+    itest::SimServer sim(kOnePort);
     SimControl& ctl = *sim.ctl;
     sim.server->start();
     Client c = itest::connect(*sim.server);
     {
-        SCOPED_TRACE("realtime read of a slow station, collected once");
-        sim_control_set_value(ctl, kBus, 1, kKind, 2, 40, 0x1234);
-        sim_control_set_value(ctl, kBus, 1, kKind, 2, 41, 0x5678);
-        ASSERT_TRUE(sim_control_set_station(ctl, kBus, 1, SIM_OK, 300));
-        const RegAddr r = rec(0, 1, 2, kKind, 40, 2);
-        EXPECT_TRUE(is_status(c.realtime_read(r), 4, 1));
-        EXPECT_TRUE(is_status(c.realtime_readcheck(r), 6, 1)) << "pending while the station answers";
-        const Reply data = until_done([&] { return c.realtime_readcheck(r); });
-        EXPECT_EQ(data.kind, ReplyKind::data);
-        EXPECT_EQ(data.data, le16s({0x1234, 0x5678}));
-        EXPECT_TRUE(is_status(c.realtime_readcheck(r), 6, 3));
-        EXPECT_TRUE(sim.server->wait_for("REAL_WRITE Don't find the realtime_req 0x6\r\n"));
-        sim_control_set_station(ctl, kBus, 1, SIM_OK, 0);
-    }
-    {
-        SCOPED_TRACE("write, writecheck and the cache of an overlapping range");
+        SCOPED_TRACE("write, writecheck and the cache of an overlapping range while polling is suspended");
         for (int i = 0; i < 4; ++i)
             sim_control_set_value(ctl, kBus, 2, kKind, 2, i, 0x100u + i);
         const RegAddr cached = rec(0, 2, 2, kKind, 0, 4);
@@ -77,12 +53,8 @@ TEST(Realtime, RequestsAreQueuedServedAndCollected)
 
         // Suspend block polling and wait until the reads have stopped.
         itest::Segment seg(sim.server->shmid(), true);
-        struct Resume {
-            itest::Segment& seg;
-            ~Resume() { seg.set_bit(kSuspendBit, false); }
-        } resume{seg};
         seg.set_bit(kSuspendBit, true);
-        uint64_t quiet = UINT64_MAX;
+        uint64_t quiet = UINT64_MAX; // the read under way may still finish; then nothing
         ASSERT_TRUE(rig::eventually([&] {
             const uint64_t now = sim_control_call_count(ctl);
             return std::exchange(quiet, now) == now;
@@ -97,17 +69,15 @@ TEST(Realtime, RequestsAreQueuedServedAndCollected)
         EXPECT_EQ(sim_control_get_value(ctl, kBus, 2, kKind, 2, 1), 0xaaaau);
         EXPECT_EQ(sim_control_get_value(ctl, kBus, 2, kKind, 2, 2), 0xbbbbu);
         EXPECT_EQ(c.com_read(cached).data, le16s({0x100, 0xaaaa, 0xbbbb, 0x103}));
-        EXPECT_TRUE(itest::reads_of(ctl, kBus, 2, quiet).empty());
+        EXPECT_TRUE(itest::reads_of(ctl, kBus, 2, quiet).empty()) << "no block reads while suspended";
+        seg.set_bit(kSuspendBit, false);
+        EXPECT_TRUE(itest::wait_reads(ctl, kBus, 2, quiet, 5)) << "block reads resume";
         c.unregister_areas(std::span(&cached, 1)); // an idle port keeps the call log short
     }
     {
         SCOPED_TRACE("ping-pong on a local word is answered at once");
         const RegAddr local = rec(0, 0, 2, 255, 300, 1);
-        RwOper pp; // swings between 0 and 100 in steps of 150
-        pp.op = 4;
-        pp.step = 150;
-        pp.high = 100;
-        pp.direction = 1;
+        RwOper pp{.op = 4, .step = 150, .high = 100, .direction = 1}; // swings between 0 and 100
         const Reply up = c.realtime_rw(local, pp);
         EXPECT_EQ(up.kind, ReplyKind::result);
         EXPECT_EQ(up.result, 0) << "the upper limit turns the direction";
@@ -136,17 +106,14 @@ TEST(Realtime, RequestsAreQueuedServedAndCollected)
         const RegAddr read_b = rec(0, station, 2, kKind, 10, 1);
         const RegAddr write = rec(0, station, 2, kKind, 20, 1);
         const RegAddr counter = rec(0, station, 2, kKind, 30, 1);
-        RwOper inc; // an increment by 3 up to 100
-        inc.op = 2;
-        inc.step = 3;
-        inc.high = 100;
-        inc.direction = 1;
+        const RwOper inc{.op = 2, .step = 3, .high = 100, .direction = 1}; // an increment by 3 up to 100
         const uint64_t from = sim_control_call_count(ctl);
 
         EXPECT_TRUE(is_status(c.realtime_read(read_a), 4, 1));
         EXPECT_TRUE(is_status(c.realtime_read(read_b), 4, 1));
         EXPECT_TRUE(is_status(c.write(write, le16s({0x620})), 5, 1));
         EXPECT_TRUE(is_status(c.realtime_rw(counter, inc), 9, 1));
+        EXPECT_TRUE(is_status(c.realtime_readcheck(read_b), 6, 1)) << "pending while the station answers";
         EXPECT_EQ(until_done([&] { return c.realtime_readcheck(read_a); }).data, le16s({0x600}));
         EXPECT_EQ(until_done([&] { return c.realtime_readcheck(read_b); }).data, le16s({0x610}));
         EXPECT_TRUE(is_status(until_done([&] { return c.writecheck(write); }), 7, 0));
@@ -167,7 +134,7 @@ TEST(Realtime, RequestsAreQueuedServedAndCollected)
 
 TEST(Realtime, SweeperRetiresRangesNobodyReads)
 {
-    rig::Config cfg = one_port();
+    rig::Config cfg = kOnePort;
     cfg.env["COMSERVER_SWEEP_SECONDS"] = "1";
     itest::SimServer sim(cfg);
     rig::Server& server = *sim.server;

@@ -2,8 +2,6 @@
 // payloads. Topics, polling and publishing are shown end to end.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "codec.h"
 #include "config.h"
 
@@ -78,29 +76,26 @@ TEST(BridgeCodec, ValuePayloadsOfEveryType)
 
 TEST(BridgeCodec, WritePayloadsBecomeRegisterBytesOrAReason)
 {
-    auto bytes = [](const Tag& t, const char* payload) {
-        const Encoded e = encode_write(t, payload);
-        return std::holds_alternative<Bytes>(e) ? std::get<Bytes>(e) : Bytes{};
+    // Register bytes, or the reason the payload is refused.
+    auto write = [](TagType type, int16_t count, const char* payload) {
+        return encode_write(tag(type, count), payload);
     };
-    auto reason = [](const Tag& t, const char* payload) {
-        const Encoded e = encode_write(t, payload);
-        return std::holds_alternative<std::string>(e) ? std::get<std::string>(e) : std::string("written");
-    };
-    EXPECT_EQ(bytes(tag(TagType::word, 1), "-1"), (Bytes{0xff, 0xff}));
-    EXPECT_EQ(bytes(tag(TagType::word, 1), R"({"value": 12.0})"), (Bytes{12, 0}));
-    EXPECT_EQ(bytes(tag(TagType::dword, 1), "4294967295"), (Bytes{0xff, 0xff, 0xff, 0xff}));
-    EXPECT_EQ(bytes(tag(TagType::bit, 3), "[1, true, 0]"), (Bytes{0b011}));
-    EXPECT_EQ(bytes(tag(TagType::float32, 1), "1.5"), (Bytes{0, 0, 0xc0, 0x3f}));
+    EXPECT_EQ(write(TagType::word, 1, "-1"), Encoded(Bytes{0xff, 0xff}));
+    EXPECT_EQ(write(TagType::word, 1, R"({"value": 12.0})"), Encoded(Bytes{12, 0}));
+    EXPECT_EQ(write(TagType::dword, 1, "4294967295"), Encoded(Bytes{0xff, 0xff, 0xff, 0xff}));
+    EXPECT_EQ(write(TagType::bit, 3, "[1, true, 0]"), Encoded(Bytes{0b011}));
+    EXPECT_EQ(write(TagType::float32, 1, "1.5"), Encoded(Bytes{0, 0, 0xc0, 0x3f}));
 
-    EXPECT_EQ(reason(tag(TagType::word, 1), "65536"), "expected an integer in -32768..65535");
-    EXPECT_EQ(reason(tag(TagType::word, 1), "12.5"), "expected an integer in -32768..65535");
-    EXPECT_EQ(reason(tag(TagType::dword, 1), "-2147483649"), "expected an integer in -2147483648..4294967295");
-    EXPECT_EQ(reason(tag(TagType::bit, 1), "2"), "expected true, false, 0 or 1");
-    EXPECT_EQ(reason(tag(TagType::float32, 1), "\"1.5\""), "expected a number");
-    EXPECT_EQ(reason(tag(TagType::float32, 1), "1e39"), "number out of float range");
-    EXPECT_EQ(reason(tag(TagType::word, 2), "[1]"), "expected an array of 2 values");
-    EXPECT_EQ(reason(tag(TagType::word, 2), "[1, true]"), "value [1]: expected an integer in -32768..65535");
-    EXPECT_EQ(reason(tag(TagType::word, 1), ""), "payload is not JSON");
+    EXPECT_EQ(write(TagType::word, 1, "65536"), Encoded("expected an integer in -32768..65535"));
+    EXPECT_EQ(write(TagType::word, 1, "12.5"), Encoded("expected an integer in -32768..65535"));
+    EXPECT_EQ(write(TagType::dword, 1, "-2147483649"), Encoded("expected an integer in -2147483648..4294967295"));
+    EXPECT_EQ(write(TagType::bit, 1, "2"), Encoded("expected true, false, 0 or 1"));
+    EXPECT_EQ(write(TagType::float32, 1, "\"1.5\""), Encoded("expected a number"));
+    EXPECT_EQ(write(TagType::float32, 1, "1e39"), Encoded("number out of float range"));
+    EXPECT_EQ(write(TagType::word, 2, "[1]"), Encoded("expected an array of 2 values"));
+    EXPECT_EQ(write(TagType::word, 1, "[1, 2]"), Encoded("expected a single value"));
+    EXPECT_EQ(write(TagType::word, 2, "[1, true]"), Encoded("value [1]: expected an integer in -32768..65535"));
+    EXPECT_EQ(write(TagType::word, 1, ""), Encoded("payload is not JSON"));
 
     EXPECT_EQ(set_topic_tag("a/b", "a/b/t/set"), "t");
     EXPECT_FALSE(set_topic_tag("a/b", "a/b/t/set/result"));
