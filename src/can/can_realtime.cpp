@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int32_t RW_PULSE = 256;
-
 // What the service copies out of a request under `mutex`.
 struct RequestCopy {
     RealtimeImage image{};

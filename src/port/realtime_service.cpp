@@ -28,7 +28,6 @@ namespace {
 constexpr int REQUESTS_PER_CYCLE = 3;
 constexpr int REALTIME_TRIES = 3;
 constexpr int CLEARED_BYTES = 1024;  // the part of a scratch buffer cleared before use
-constexpr int32_t RW_PULSE = 256;    // operation code: write 1, then 0
 
 // What the service copies out of a request node before talking to the driver.
 struct Request {
