@@ -52,8 +52,11 @@ bool port_is_opto(const PortThread& t);
 // Block limits of a port from its record and configured driver number.
 OPT_limits port_block_limits(const com_port_info& rec);
 
-// Status of a block or request from a driver result: 1 success, 2 no answer, 3 error.
-inline int status_from_result(int r) { return r == 0 ? 1 : (r == 2 ? 2 : 3); }
+// Status of a block or request from a driver result.
+inline int status_from_result(int r)
+{
+    return r == COM_STATE_OK ? STATUS_OK : (r == COM_STATE_TIMEOUT ? STATUS_NO_ANSWER : STATUS_FAILED);
+}
 
 // Reads one block through the driver (unless local bit 9923 suspends block
 // polling) and refreshes the caches it covers.
