@@ -165,7 +165,7 @@ void can_serve_request(CanPort& t, RORT_node* req)
 
 void can_serve_realtime(CanPort& t)
 {
-    for (int served = 0; served < 3; ++served) {
+    for (int served = 0; served < REALTIME_REQUESTS_PER_CYCLE; ++served) {
         RORT_node* req = check_realtime_link(t.port);
         if (req == nullptr) {
             break;

@@ -14,6 +14,10 @@
 // The port thread's driver buffer and write copy hold one packet's data.
 constexpr int PORT_BUF_SIZE = static_cast<int>(PACKET_BUF_SIZE);
 constexpr int OMRON_ENTRIES = 1000;
+// The part of a port buffer cleared before a driver fills it.
+constexpr int PORT_BUF_CLEARED = 1024;
+// Realtime requests a port serves per cycle, between its polls.
+constexpr int REALTIME_REQUESTS_PER_CYCLE = 3;
 
 struct PortThread {
     com_port_info rec{};
@@ -62,7 +66,7 @@ inline int status_from_result(int r)
 // polling) and refreshes the caches it covers.
 void port_read_block(PortThread& t, OPT_node* block);
 
-// Serves up to three queued realtime requests of the port.
+// Serves up to REALTIME_REQUESTS_PER_CYCLE queued realtime requests of the port.
 void port_serve_realtime(PortThread& t);
 
 // One turn of a port whose driver cannot be used: its requests are failed

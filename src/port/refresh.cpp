@@ -166,7 +166,7 @@ ORG_node* omron_first_group(const OPT_node* block)
     while (fat != FAT_link_tail && !same_area(*fat, b)) {
         fat = fat->next;
     }
-    if (fat == FAT_link_tail || fat->change_state != 0) {
+    if (fat == FAT_link_tail || fat->change_state != AREA_CURRENT) {
         return nullptr;
     }
     ORG_node* g = block->org;

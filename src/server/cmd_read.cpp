@@ -161,7 +161,7 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
             return error_entry(REPLY_FAILED);
         }
         produce_sub_read_ack_pack_Modbus_Extend(entry, static_cast<uint16_t>(count), o->data,
-                                                c.modbus_orig.reg_addr_start % 16);
+                                                c.modbus_orig.reg_addr_start % MODBUS_REGISTER_BITS);
     } else {
         produce_node_sub_entry(entry, o->reg_addr, o->data, size);
     }
