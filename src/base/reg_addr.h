@@ -32,10 +32,14 @@ bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b);
 // reg_id classes. 249 addresses the local word area bit by bit; 254 and 255
 // are the local bit area; 250..253 the SRAM.
 constexpr uint8_t REG_ID_LOCAL_WORD_BITS = 249;
+constexpr uint8_t REG_ID_SRAM_BASE_BITS = 250;   // bits counted from the SRAM base word
+constexpr uint8_t REG_ID_SRAM_BASE_WORDS = 251;  // words counted from the SRAM base word
+constexpr uint8_t REG_ID_SRAM_BITS = 252;        // bits counted from data word 0
+constexpr uint8_t REG_ID_SRAM_WORDS = 253;       // words counted from data word 0
 inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }
 inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
 inline bool is_local_area(uint8_t reg_id) { return reg_id == REG_ID_LOCAL_WORD_BITS || reg_id == 254 || reg_id == 255; }
-inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
+inline bool is_sram_area(uint8_t reg_id) { return reg_id >= REG_ID_SRAM_BASE_BITS && reg_id <= REG_ID_SRAM_WORDS; }
 
 // Read-modify-write block: six little-endian 32-bit fields. step and the two
 // limits hold IEEE single floats for RW_VALUE_FLOAT and RW_VALUE_DOUBLE.

@@ -150,16 +150,16 @@ bool sram_base(int64_t& base)
 bool sram_locate(const REG_ADDR& rec, const Span& sp, SramSpan& out)
 {
     int64_t base = 0;
-    if ((rec.reg_id == 250 || rec.reg_id == 251) && !sram_base(base)) {
+    if ((rec.reg_id == REG_ID_SRAM_BASE_BITS || rec.reg_id == REG_ID_SRAM_BASE_WORDS) && !sram_base(base)) {
         return false;
     }
     const int64_t s = sp.start;
     int64_t first = 0;
     switch (rec.reg_id) {
-    case 250: first = (base * 16 + s) / 16; break;  // bits counted from word B
-    case 251: first = base + s; break;              // words counted from word B
-    case 252: first = s / 16; break;                // bits from data word 0
-    case 253: first = s; break;                     // words from data word 0
+    case REG_ID_SRAM_BASE_BITS: first = (base * 16 + s) / 16; break;
+    case REG_ID_SRAM_BASE_WORDS: first = base + s; break;
+    case REG_ID_SRAM_BITS: first = s / 16; break;
+    case REG_ID_SRAM_WORDS: first = s; break;
     default: return false;
     }
     out.bit0 = sp.words ? 0 : s % 16;
