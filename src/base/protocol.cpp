@@ -5,27 +5,28 @@
 
 #include "base/byte_order.h"
 
-const uint8_t head[10] = {0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+const uint8_t head[PACKET_HEADER_SIZE] = {0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 namespace {
 
-// Header: the first 8 bytes of head, then package_len.
+// Header: the leading bytes of head, then package_len.
 void write_header(uint8_t* out, const uint8_t* hd, uint16_t package_len)
 {
-    std::memcpy(out, hd, 8);
-    put_le16(out + 8, package_len);
+    std::memcpy(out, hd, PKT_HEAD_BYTES);
+    put_le16(out + PKT_PACKAGE_LEN, package_len);
 }
 
 // Data reply [command][1][u16 size][data][sum]; the caller has put the data
-// bytes at out + 14 already.
+// bytes at out + ACK_DATA already.
 size_t finish_read_ack(uint8_t* out, const uint8_t* hd, uint16_t size, uint8_t command)
 {
-    write_header(out, hd, static_cast<uint16_t>(size + 5));
-    out[10] = command;
-    out[11] = 1;
-    put_le16(out + 12, size);
-    out[14 + size] = check_sum(out + 10, size + 4);
-    return size + 15u;
+    const int body = size + BODY_DATA_FIXED;
+    write_header(out, hd, static_cast<uint16_t>(body));
+    out[ACK_COMMAND] = command;
+    out[ACK_OK] = REPLY_ANSWERED;
+    put_le16(out + ACK_DATA_SIZE, size);
+    out[ACK_COMMAND + body - 1] = check_sum(out + ACK_COMMAND, body - 1);
+    return PACKET_HEADER_SIZE + static_cast<size_t>(body);
 }
 
 }  // namespace
@@ -68,7 +69,7 @@ size_t produce_read_ack_pack(uint8_t* out, const uint8_t* hd, uint16_t size, uin
 {
     if (size > MAX_READ_ACK_DATA)
         return 0;
-    std::memcpy(out + 14, data, size);
+    std::memcpy(out + ACK_DATA, data, size);
     return finish_read_ack(out, hd, size, command);
 }
 
@@ -79,38 +80,45 @@ size_t produce_read_ack_pack_simens(uint8_t* out, const uint8_t* hd, uint16_t si
 {
     if (size > MAX_READ_ACK_DATA)
         return 0;
-    std::memcpy(out + 14, data, size);
-    simens_change(out + 14, size / 4);
+    std::memcpy(out + ACK_DATA, data, size);
+    simens_change(out + ACK_DATA, size / 4);
     return finish_read_ack(out, hd, size, command);
 }
 
 size_t produce_rw_ack_pack(uint8_t* out, const uint8_t* hd, uint8_t result, uint8_t command)
 {
-    write_header(out, hd, 4);
-    out[10] = command;
-    out[11] = 1;
-    out[12] = result;
-    out[13] = check_sum(out + 10, 3);
-    return 14;
+    write_header(out, hd, BODY_STATUS);
+    out[ACK_COMMAND] = command;
+    out[ACK_OK] = REPLY_ANSWERED;
+    out[ACK_RESULT] = result;
+    out[ACK_COMMAND + BODY_STATUS - 1] = check_sum(out + ACK_COMMAND, BODY_STATUS - 1);
+    return PACKET_HEADER_SIZE + BODY_STATUS;
 }
 
 size_t produce_refusal_pack(uint8_t* out, uint8_t command)
 {
-    return produce_ack_pack(out, head, status_error(command, REPLY_FAILED), 4);
+    return produce_ack_pack(out, head, status_error(command, REPLY_FAILED), BODY_STATUS);
+}
+
+size_t produce_sub_read_error_entry(uint8_t* entry, uint8_t err)
+{
+    entry[SUB_ENTRY_OK] = REPLY_ERR_FOLLOWS;
+    entry[SUB_ENTRY_ERR] = err;
+    return SUB_ENTRY_ERROR_LEN;
 }
 
 size_t produce_sub_read_ack_pack(uint8_t* entry, uint16_t size, const uint8_t* data)
 {
-    entry[0] = 1;
-    put_le16(entry + 1, size);
-    std::memcpy(entry + 3, data, size);
-    return size + 3u;
+    entry[SUB_ENTRY_OK] = REPLY_ANSWERED;
+    put_le16(entry + SUB_ENTRY_SIZE, size);
+    std::memcpy(entry + SUB_ENTRY_DATA, data, size);
+    return SUB_ENTRY_DATA + size;
 }
 
 size_t produce_sub_read_ack_pack_simens(uint8_t* entry, uint16_t size, const uint8_t* data)
 {
     size_t n = produce_sub_read_ack_pack(entry, size, data);
-    simens_change(entry + 3, size / 4);
+    simens_change(entry + SUB_ENTRY_DATA, size / 4);
     return n;
 }
 
@@ -120,14 +128,14 @@ size_t produce_sub_read_ack_pack_simens(uint8_t* entry, uint16_t size, const uin
 size_t produce_sub_read_ack_pack_Modbus_Extend(uint8_t* entry, uint16_t count, const uint8_t* words,
                                                int bit_offset)
 {
-    entry[0] = 1;
-    put_le16(entry + 1, count);
-    uint8_t* bits = entry + 3;
+    entry[SUB_ENTRY_OK] = REPLY_ANSWERED;
+    put_le16(entry + SUB_ENTRY_SIZE, count);
+    uint8_t* bits = entry + SUB_ENTRY_DATA;
     for (int i = 0; i < count; ++i) {
         const int b = bit_offset + i;
         put_bit(bits, i, b >= 0 && bit_of(words, b));
     }
-    return 3u + (count + 7u) / 8u;
+    return SUB_ENTRY_DATA + (count + 7u) / 8u;
 }
 
 uint8_t parse_command(const uint8_t* packet)

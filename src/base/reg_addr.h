@@ -32,13 +32,17 @@ bool reg_addr_equal(const REG_ADDR& a, const REG_ADDR& b);
 // reg_id classes. 249 addresses the local word area bit by bit; 254 and 255
 // are the local bit area; 250..253 the SRAM.
 constexpr uint8_t REG_ID_LOCAL_WORD_BITS = 249;
+constexpr uint8_t REG_ID_SRAM_BASE_BITS = 250;   // bits counted from the SRAM base word
+constexpr uint8_t REG_ID_SRAM_BASE_WORDS = 251;  // words counted from the SRAM base word
+constexpr uint8_t REG_ID_SRAM_BITS = 252;        // bits counted from data word 0
+constexpr uint8_t REG_ID_SRAM_WORDS = 253;       // words counted from data word 0
 inline bool is_plc_area(uint8_t reg_id) { return reg_id < 241; }
 inline bool is_no_area(uint8_t reg_id) { return reg_id >= 241 && reg_id <= 248; }
 inline bool is_local_area(uint8_t reg_id) { return reg_id == REG_ID_LOCAL_WORD_BITS || reg_id == 254 || reg_id == 255; }
-inline bool is_sram_area(uint8_t reg_id) { return reg_id >= 250 && reg_id <= 253; }
+inline bool is_sram_area(uint8_t reg_id) { return reg_id >= REG_ID_SRAM_BASE_BITS && reg_id <= REG_ID_SRAM_WORDS; }
 
 // Read-modify-write block: six little-endian 32-bit fields. step and the two
-// limits hold IEEE single floats for value types 2 and 3.
+// limits hold IEEE single floats for RW_VALUE_FLOAT and RW_VALUE_DOUBLE.
 struct rw_oper {
     int32_t op_code;
     int32_t step;
@@ -48,6 +52,36 @@ struct rw_oper {
     int32_t value_type;
 };
 static_assert(sizeof(rw_oper) == 24);
+
+// rw_oper::op_code. "Clamp" and "reset" test the upper limit, "wrap" jumps
+// to the other limit; ping-pong swings between the limits by direction.
+enum : int32_t {
+    RW_TOGGLE = 1,      // XOR 1
+    RW_ADD_RESET = 2,   // add the step, 0 above the upper limit
+    RW_SUB_CLAMP = 3,   // subtract the step, the upper limit below it
+    RW_PING_PONG = 4,
+    RW_ADD_WRAP = 5,    // add the step, the lower limit above the upper
+    RW_SUB_WRAP = 6,    // subtract the step, the upper limit below the lower
+    RW_NOTHING = 7,
+    RW_ADD_CLAMP = 8,   // add the step, the upper limit above it
+    RW_PULSE = 256,     // PLC registers only: write 1, then 0
+};
+
+// rw_oper::value_type.
+enum : int32_t {
+    RW_VALUE_INTEGER = 0,   // signed, in the register's own width
+    RW_VALUE_UNSIGNED = 1,  // unsigned 32-bit
+    RW_VALUE_FLOAT = 2,
+    RW_VALUE_DOUBLE = 3,
+};
+
+// rw_oper::direction: ping-pong's way, in and out; the other operations
+// (but RW_ADD_CLAMP, which leaves it) report RW_NO_DIRECTION.
+enum : int32_t {
+    RW_DOWN = 0,
+    RW_UP = 1,
+    RW_NO_DIRECTION = 2,
+};
 
 // Bytes of one element of a byte, word or double-word range; 0 for bits and
 // for unknown types.

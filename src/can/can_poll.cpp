@@ -77,14 +77,14 @@ void can_poll_blocks(CanPort& t)
         if (blocks == 0) {
             // A block wider than one call cannot be read; the limits never
             // build one, so this only guards against a foreign list.
-            refresh_ORG_buff(block, t.buf, 3);
+            refresh_ORG_buff(block, t.buf, STATUS_FAILED);
             block = block->next;
             --remaining;
             continue;
         }
         const int entries = build_OMRON_buff(block->prev, t.entries.data(), blocks, CAN_ENTRY_ROOM);
         const int r = t.drv.canopen_read(t.entries.data(), entries, &t.param, t.spi_mutex);
-        int status = 1;
+        int status = STATUS_OK;
         if (r == 0) {
             t.can_plc_no_response = 0;
         } else {

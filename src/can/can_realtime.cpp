@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int32_t RW_PULSE = 256;
-
 // What the service copies out of a request under `mutex`.
 struct RequestCopy {
     RealtimeImage image{};
@@ -167,7 +165,7 @@ void can_serve_request(CanPort& t, RORT_node* req)
 
 void can_serve_realtime(CanPort& t)
 {
-    for (int served = 0; served < 3; ++served) {
+    for (int served = 0; served < REALTIME_REQUESTS_PER_CYCLE; ++served) {
         RORT_node* req = check_realtime_link(t.port);
         if (req == nullptr) {
             break;

@@ -279,7 +279,7 @@ bool read_batch_chunks(PortThread& t, int n)
         if (t.blocks_changed) {
             const int r = t.drv.omron_register(arr, entries, param);
             if (r == COM_STATE_TIMEOUT) {
-                refresh_bat_ORG(b, arr, t.buf, nb, 2);
+                refresh_bat_ORG(b, arr, t.buf, nb, STATUS_NO_ANSWER);
                 return false;
             }
             if (r != 0) {
@@ -333,7 +333,7 @@ bool port_bat_opto_step(PortThread& t)
         t.entry_count = build_OMRON_buff(t.list_head, t.entries.data(), n, OMRON_ENTRIES);
         const int r = t.drv.omron_register(t.entries.data(), t.entry_count, param);
         if (r == COM_STATE_TIMEOUT) {
-            refresh_bat_ORG(t.list_head->next, t.entries.data(), t.buf, n, 2);
+            refresh_bat_ORG(t.list_head->next, t.entries.data(), t.buf, n, STATUS_NO_ANSWER);
             return true;
         }
         if (r != 0) {

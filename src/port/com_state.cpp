@@ -72,14 +72,28 @@ void print_station_change(int plc_id, const char* what)
     std::printf("[C%d]\r\n", static_cast<int>(com_state_wall_clock()));
 }
 
+// A station in time-out is retried once a fraction (1 / interval_div) of its
+// back-off interval has passed and it has been skipped max_tries times, or
+// once the whole interval has passed.
+constexpr int NORMAL_INTERVAL_DIV = 2;
+constexpr int NORMAL_MAX_TRIES = 99;
+constexpr int REALTIME_INTERVAL_DIV = 4;
+constexpr int REALTIME_MAX_TRIES = 49;
+
+// Time-out table key of a station: (port + 1) * KEY_PORT_UNIT + plc_id.
+constexpr uint32_t KEY_PORT_UNIT = 65536;
+
+constexpr int WORD_BITS = 16;  // station state bits per local word
+constexpr int STATION_WORDS_PER_PORT = COM_OPER_MAX_ITEMS / WORD_BITS;
+
 int must_com(ComStateItem& item, int interval_div, int max_tries)
 {
-    if ((item.state & 0xF) != COM_STATE_TIMEOUT) {
+    if ((item.state & COM_STATE_MASK) != COM_STATE_TIMEOUT) {
         return 1;
     }
     ++item.tries;
-    if (item.timeouts <= 3) {
-        return 1; // the first three time-outs are retried at full speed
+    if (item.timeouts <= COM_STATE_FAST_TIMEOUTS) {
+        return 1;
     }
     const auto elapsed =
         static_cast<int32_t>(static_cast<uint32_t>(com_state_steady_clock()) - item.last_time);
@@ -207,15 +221,12 @@ int ComOper_BlockRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* 
     const int r = op.read_fn(addr, ref, param);
     ref->count = count; // a driver may change the count during the call
 
-    int status;
     if (r != COM_STATE_TIMEOUT) {
         ComOper_UpdateOk(op, index);
-        status = r == 0 ? 1 : 3;
     } else {
         ComOper_UpdateTimeout(op, index, copy);
-        status = 2;
     }
-    PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, status);
+    PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, status_from_result(r));
     return r;
 }
 
@@ -229,8 +240,8 @@ int ComOper_RtmRead(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* pa
     const int r = op.read_fn(addr, ref, param);
     if (r != COM_STATE_TIMEOUT) {
         ComOper_UpdateOk(op, index);
-        if (r == 0) {
-            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, 1);
+        if (r == COM_STATE_OK) {
+            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, *ref, STATUS_OK);
         }
     } else {
         ComOper_UpdateTimeout(op, index, copy);
@@ -262,12 +273,12 @@ int ComOper_Write(ComOper& op, DrvRegAddr* addr, DrvDataRef* ref, PlcParam* para
 
     if (r != COM_STATE_TIMEOUT) {
         ComOper_UpdateOk(op, index);
-        if (r == 0 && recordable) {
+        if (r == COM_STATE_OK && recordable) {
             if (is_siemens_driver(param->plc_driver_no) && copy.reg_type == 4 && copy.addr_unit == 1) {
                 simens_change(sent.data(), count);
             }
             const DrvDataRef written{count, sent.data()};
-            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, written, 1);
+            PlcRegDatArr_WriteData(PlcRegDatArr_Instance(), static_cast<int>(op.port), copy, written, STATUS_OK);
         }
     } else {
         ComOper_UpdateTimeout(op, index, copy);
@@ -280,7 +291,7 @@ int ComOper_FindTimeoutItem(ComOper& op, const DrvRegAddr& addr)
     int found = -1;
     for (int i = 0; i < op.item_count; ++i) {
         const ComStateItem& item = op.items[i];
-        if ((item.state & 0xF) == COM_STATE_TIMEOUT && item.plc_id == addr.plc_id) {
+        if ((item.state & COM_STATE_MASK) == COM_STATE_TIMEOUT && item.plc_id == addr.plc_id) {
             found = i;
             break;
         }
@@ -324,7 +335,7 @@ void ComOper_UpdateOk(ComOper& op, int index)
     if (index >= 0 && index < op.item_count) {
         ComStateItem& item = op.items[index];
         print_station_change(item.plc_id, "OK");
-        ComStateItem_Update(item, 0);
+        ComStateItem_Update(item, COM_STATE_OK);
         std::copy(op.items + index + 1, op.items + op.item_count, op.items + index);
         --op.item_count;
         op.ok_count = 0;
@@ -364,7 +375,7 @@ void ComStateItem_Update(ComStateItem& item, int state)
     ComStateItem_SetState(item, state);
     item.last_time = static_cast<uint32_t>(com_state_steady_clock());
     item.tries = 0;
-    item.interval = static_cast<uint16_t>(std::min(2 * item.interval, 10));
+    item.interval = static_cast<uint16_t>(std::min(2 * item.interval, COM_STATE_MAX_INTERVAL));
     if (state == COM_STATE_TIMEOUT) {
         ++item.timeouts;
     }
@@ -374,26 +385,27 @@ void ComStateItem_SetState(ComStateItem& item, int state)
 {
     VGlobComState_SetState(VGlobComState_Instance(), ComStateItem_GetKey4ComState(item), state);
     if (item.port <= 1) {
-        const int word = LOCAL_WORD_STATION_STATE + 16 * static_cast<int>(item.port) + item.plc_id / 16;
-        if (state == 0) {
-            write_local_word_bit(word, item.plc_id % 16, false);
-        } else if (item.timeouts > 3) {
-            write_local_word_bit(word, item.plc_id % 16, true);
+        const int word =
+            LOCAL_WORD_STATION_STATE + STATION_WORDS_PER_PORT * static_cast<int>(item.port) + item.plc_id / WORD_BITS;
+        if (state == COM_STATE_OK) {
+            write_local_word_bit(word, item.plc_id % WORD_BITS, false);
+        } else if (item.timeouts > COM_STATE_FAST_TIMEOUTS) {
+            write_local_word_bit(word, item.plc_id % WORD_BITS, true);
         }
     } else if (item.port == 2) {
-        write_local_bit(LOCAL_BIT_PORT2_TIMEOUT, state != 0);
+        write_local_bit(LOCAL_BIT_PORT2_TIMEOUT, state != COM_STATE_OK);
     }
     SetPortState(static_cast<int>(item.port), state);
-    item.state = (item.state & ~0xFu) | (static_cast<uint32_t>(state) & 0xFu);
+    item.state = (item.state & ~COM_STATE_MASK) | (static_cast<uint32_t>(state) & COM_STATE_MASK);
 }
 
-int ComStateItem_MustNormCom(ComStateItem& item) { return must_com(item, 2, 99); }
+int ComStateItem_MustNormCom(ComStateItem& item) { return must_com(item, NORMAL_INTERVAL_DIV, NORMAL_MAX_TRIES); }
 
-int ComStateItem_MustRtmCom(ComStateItem& item) { return must_com(item, 4, 49); }
+int ComStateItem_MustRtmCom(ComStateItem& item) { return must_com(item, REALTIME_INTERVAL_DIV, REALTIME_MAX_TRIES); }
 
 uint32_t ComStateItem_GetKey4ComState(const ComStateItem& item)
 {
-    return (item.port + 1) * 65536u + item.plc_id;
+    return (item.port + 1) * KEY_PORT_UNIT + item.plc_id;
 }
 
 VGlobComState& VGlobComState_Instance()
@@ -424,17 +436,17 @@ void VGlobComState_SetState(VGlobComState& table, uint32_t key, int state)
 {
     std::lock_guard guard(table.lock);
     const int index = find_locked(table, key);
-    if (state != 0 && index < 0) {
+    if (state != COM_STATE_OK && index < 0) {
         add_locked(table, key);
-    } else if (state == 0 && index >= 0) {
+    } else if (state == COM_STATE_OK && index >= 0) {
         rmv_locked(table, index);
     }
 }
 
 void SetPortState(int port, int state)
 {
-    if (port < 0 || port > 31) {
+    if (port < 0 || port >= PORT_STATE_BITS) {
         return;
     }
-    write_local_bit(LOCAL_BIT_PORT_STATE + port, state != 0);
+    write_local_bit(LOCAL_BIT_PORT_STATE + port, state != COM_STATE_OK);
 }

@@ -12,7 +12,11 @@
 #include "base/lock_rules.h"
 #include "driver/plc_abi.h"
 
+constexpr int COM_STATE_OK = 0;               // driver result / item state: answered
 constexpr int COM_STATE_TIMEOUT = 2;          // driver result / item state: no answer
+constexpr uint32_t COM_STATE_MASK = 0xF;      // ComStateItem.state bits holding the state
+constexpr int COM_STATE_FAST_TIMEOUTS = 3;    // time-outs retried at full speed and not yet published per station
+constexpr int COM_STATE_MAX_INTERVAL = 10;    // back-off ceiling in seconds
 constexpr int COM_OPER_MAX_ITEMS = 256;       // one per station (plc_id is a byte)
 constexpr int VGLOB_COM_STATE_SLOTS = 1024;
 constexpr uint32_t COM_OPER_MULTI_STATION = 1; // ComOper.flags bit 0
@@ -20,7 +24,8 @@ constexpr uint32_t COM_OPER_MULTI_STATION = 1; // ComOper.flags bit 0
 // Local bits and words written or read here.
 constexpr int LOCAL_BIT_SKIP_ENABLE = 9263;    // read: allow skipping stations in time-out
 constexpr int LOCAL_BIT_PORT2_TIMEOUT = 9259;  // a station of port 2 is in time-out
-constexpr int LOCAL_BIT_PORT_STATE = 9500;     // + port (0..31): set = failing
+constexpr int LOCAL_BIT_PORT_STATE = 9500;     // + port (0..PORT_STATE_BITS - 1): set = failing
+constexpr int PORT_STATE_BITS = 32;
 constexpr int LOCAL_WORD_STATION_STATE = 9432; // + 16 * port + plc_id / 16, ports 0 and 1
 
 // One station of one port in time-out.

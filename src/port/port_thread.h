@@ -14,6 +14,10 @@
 // The port thread's driver buffer and write copy hold one packet's data.
 constexpr int PORT_BUF_SIZE = static_cast<int>(PACKET_BUF_SIZE);
 constexpr int OMRON_ENTRIES = 1000;
+// The part of a port buffer cleared before a driver fills it.
+constexpr int PORT_BUF_CLEARED = 1024;
+// Realtime requests a port serves per cycle, between its polls.
+constexpr int REALTIME_REQUESTS_PER_CYCLE = 3;
 
 struct PortThread {
     com_port_info rec{};
@@ -52,14 +56,17 @@ bool port_is_opto(const PortThread& t);
 // Block limits of a port from its record and configured driver number.
 OPT_limits port_block_limits(const com_port_info& rec);
 
-// Status of a block or request from a driver result: 1 success, 2 no answer, 3 error.
-inline int status_from_result(int r) { return r == 0 ? 1 : (r == 2 ? 2 : 3); }
+// Status of a block or request from a driver result.
+inline int status_from_result(int r)
+{
+    return r == COM_STATE_OK ? STATUS_OK : (r == COM_STATE_TIMEOUT ? STATUS_NO_ANSWER : STATUS_FAILED);
+}
 
 // Reads one block through the driver (unless local bit 9923 suspends block
 // polling) and refreshes the caches it covers.
 void port_read_block(PortThread& t, OPT_node* block);
 
-// Serves up to three queued realtime requests of the port.
+// Serves up to REALTIME_REQUESTS_PER_CYCLE queued realtime requests of the port.
 void port_serve_realtime(PortThread& t);
 
 // One turn of a port whose driver cannot be used: its requests are failed

@@ -73,7 +73,7 @@ void port_read_block(PortThread& t, OPT_node* block)
     std::memset(t.buf, 0, static_cast<size_t>(size));
     DrvRegAddr addr = drv_reg_addr(r);
     DrvDataRef ref{r.reg_data_width, t.buf};
-    std::memset(t.buf, 0, 1024);
+    std::memset(t.buf, 0, PORT_BUF_CLEARED);
 
     if (get_bit(LOCAL_BIT_SUSPEND_POLLING) != 0) {
         return;

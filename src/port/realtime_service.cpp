@@ -25,10 +25,7 @@
 
 namespace {
 
-constexpr int REQUESTS_PER_CYCLE = 3;
 constexpr int REALTIME_TRIES = 3;
-constexpr int CLEARED_BYTES = 1024;  // the part of a scratch buffer cleared before use
-constexpr int32_t RW_PULSE = 256;    // operation code: write 1, then 0
 
 // What the service copies out of a request node before talking to the driver.
 struct Request {
@@ -141,7 +138,7 @@ bool take_request(PortThread& t, RORT_node* node, Request& q)
         return false;
     }
     if (q.req_type == REQ_WRITE) {
-        std::memset(t.write_copy, 0, CLEARED_BYTES);
+        std::memset(t.write_copy, 0, PORT_BUF_CLEARED);
         copy_node_data(t.write_copy, *node, q.n);
         std::memcpy(t.buf, t.write_copy, static_cast<size_t>(q.n));
     }
@@ -199,7 +196,7 @@ void serve_pulse(PortThread& t, const Request& q)
     const REG_ADDR& ra = q.reg_addr;
     const DrvRegAddr addr = drv_reg_addr(ra, true);
     const bool keep_caches = word_order_family(t) && byte_addressed(ra, 4);
-    const auto cleared = static_cast<size_t>(std::max(CLEARED_BYTES, q.n));
+    const auto cleared = static_cast<size_t>(std::max(PORT_BUF_CLEARED, q.n));
 
     std::memset(t.buf, 0, cleared);
     t.buf[0] = 1;
@@ -334,7 +331,7 @@ void port_serve_realtime(PortThread& t)
         fail_pending(t.port);
         return;
     }
-    for (int i = 0; i < REQUESTS_PER_CYCLE; ++i) {
+    for (int i = 0; i < REALTIME_REQUESTS_PER_CYCLE; ++i) {
         RORT_node* node = check_realtime_link(t.port);
         if (node == nullptr) {
             return;

@@ -74,19 +74,63 @@ void tessel_bit_cpy(uint8_t* dst, const uint8_t* src, int n, int dst_bit)
     }
 }
 
+namespace {
+
+// Copies the block's values of the registers [lo, lo + cnt), which both the
+// block and group g hold, into g's cache.
+void copy_block_overlap(ORG_node* g, const REG_ADDR& b, const uint8_t* buf, int64_t lo, int64_t cnt)
+{
+    const REG_ADDR& r = g->reg_addr;
+    const int64_t bs = b.reg_addr_start;
+    const int64_t gs = r.reg_addr_start;
+    const int64_t block_cap = buffer_bytes(b);
+    const int64_t group_cap = buffer_bytes(r);
+    if (r.reg_type == 0) {
+        const int n = bounded_bits(cnt, group_cap, lo - gs, block_cap, lo - bs);
+        if (lo == bs) {
+            tessel_bit_cpy(g->data, buf, n, static_cast<int>(bs - gs));
+        } else {
+            bit_cpy(g->data, buf, n, static_cast<int>(gs - bs));
+        }
+    } else {
+        const int64_t w = element_bytes(r.reg_type);
+        copy_bytes(g->data, group_cap, (lo - gs) * w, buf, block_cap, (lo - bs) * w, cnt * w);
+    }
+}
+
+// A group spread over several blocks collects their outcomes in part_status
+// until the block holding its end settles status.
+void settle_group_status(ORG_node* g, int status, bool holds_start, bool holds_end)
+{
+    const int16_t st = static_cast<int16_t>(status);
+    if (holds_end) {
+        if (holds_start || g->part_status == STATUS_OK) {
+            g->status = st;
+        } else {
+            g->status = g->part_status;
+        }
+        if (g->status == STATUS_OK) {
+            g->refresh_time = now_seconds();
+        }
+    } else if (holds_start) {
+        g->part_status = st;
+    } else if (!(status == STATUS_OK && g->part_status > STATUS_OK)) {
+        // A failure earlier in the group is kept until its end is read.
+        g->part_status = st;
+    }
+}
+
+} // namespace
+
 void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
 {
     if (block == nullptr) {
         return;
     }
     std::unique_lock lock(rwlock);
-    if (ORT_link_head->next == ORT_link_tail) {
-        return;
-    }
     const REG_ADDR& b = block->reg_addr;
     const int64_t bs = b.reg_addr_start;
     const int64_t be = bs + b.reg_data_width;
-    const int64_t block_cap = buffer_bytes(b);
 
     for (ORG_node* g = ORT_link_head->next; g != ORT_link_tail; g = g->next) {
         const REG_ADDR& r = g->reg_addr;
@@ -102,41 +146,10 @@ void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status)
             continue;
         }
         const int64_t lo = std::max(bs, gs);
-        const int64_t hi = std::min(be, ge);
-        const int64_t cnt = hi - lo;
-
         if (status == STATUS_OK && buf != nullptr && g->data != nullptr) {
-            const int64_t group_cap = buffer_bytes(r);
-            if (r.reg_type == 0) {
-                const int n = bounded_bits(cnt, group_cap, lo - gs, block_cap, lo - bs);
-                if (lo == bs) {
-                    tessel_bit_cpy(g->data, buf, n, static_cast<int>(bs - gs));
-                } else {
-                    bit_cpy(g->data, buf, n, static_cast<int>(gs - bs));
-                }
-            } else {
-                const int64_t w = element_bytes(r.reg_type);
-                copy_bytes(g->data, group_cap, (lo - gs) * w, buf, block_cap, (lo - bs) * w, cnt * w);
-            }
+            copy_block_overlap(g, b, buf, lo, std::min(be, ge) - lo);
         }
-
-        const int16_t st = static_cast<int16_t>(status);
-        if (ge <= be) {
-            // The block holds the group's end: the group's status is final.
-            if (lo == gs || g->part_status == STATUS_OK) {
-                g->status = st;
-            } else {
-                g->status = g->part_status;
-            }
-            if (g->status == STATUS_OK) {
-                g->refresh_time = now_seconds();
-            }
-        } else if (lo == gs) {
-            g->part_status = st;
-        } else if (!(status == STATUS_OK && g->part_status > STATUS_OK)) {
-            // A failure earlier in the group is kept until its end is read.
-            g->part_status = st;
-        }
+        settle_group_status(g, status, lo == gs, ge <= be);
     }
 }
 
@@ -153,7 +166,7 @@ ORG_node* omron_first_group(const OPT_node* block)
     while (fat != FAT_link_tail && !same_area(*fat, b)) {
         fat = fat->next;
     }
-    if (fat == FAT_link_tail || fat->change_state != 0) {
+    if (fat == FAT_link_tail || fat->change_state != AREA_CURRENT) {
         return nullptr;
     }
     ORG_node* g = block->org;

@@ -19,8 +19,8 @@ void bit_cpy(uint8_t* dst, const uint8_t* src, int n, int src_bit);
 void tessel_bit_cpy(uint8_t* dst, const uint8_t* src, int n, int dst_bit);
 
 // Each refresh takes `rwlock` for writing for its whole walk. `buf` holds the
-// block's data, cal_commbuf_size(block->reg_addr) bytes; status is 1 success,
-// 2 no answer, 3 error.
+// block's data, cal_commbuf_size(block->reg_addr) bytes; status is STATUS_OK,
+// STATUS_NO_ANSWER or STATUS_FAILED.
 void refresh_ORG_buff(const OPT_node* block, const uint8_t* buf, int status);
 // Variant for drivers that deliver one register per block, starting at the
 // block's first group. Skipped while the area waits for a rebuild.

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "base/byte_order.h"
 #include "port/com_state.h"
 #include "server/commands.h"
 #include "server/reply_data.h"
@@ -125,11 +126,7 @@ CacheAnswer serve_from_caches(Connection& c, const REG_ADDR& rec)
 size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbus_view)
 {
     const REG_ADDR& rec = c.REG_ADDR_temp;
-    auto error_entry = [&](uint8_t err) -> size_t {
-        entry[0] = 0;
-        entry[1] = err;
-        return 2;
-    };
+    auto error_entry = [entry](uint8_t err) { return produce_sub_read_error_entry(entry, err); };
     if (!range_pollable(rec)) {
         return error_entry(REPLY_FAILED);
     }
@@ -155,20 +152,20 @@ size_t sub_read_plc_entry(Connection& c, uint8_t* entry, size_t room, bool modbu
     }
 
     const int size = cal_commbuf_size(rec);
-    if (static_cast<size_t>(size) + 3 > room) {
-        return error_entry(3);
+    if (SUB_ENTRY_DATA + static_cast<size_t>(size) > room) {
+        return error_entry(REPLY_FAILED);
     }
     if (modbus_view) {
         const int count = c.modbus_orig.reg_data_width;
         if (count < 1 || (count + 7) / 8 > size) {
-            return error_entry(3);
+            return error_entry(REPLY_FAILED);
         }
         produce_sub_read_ack_pack_Modbus_Extend(entry, static_cast<uint16_t>(count), o->data,
-                                                c.modbus_orig.reg_addr_start % 16);
+                                                c.modbus_orig.reg_addr_start % MODBUS_REGISTER_BITS);
     } else {
         produce_node_sub_entry(entry, o->reg_addr, o->data, size);
     }
-    return static_cast<size_t>(size) + 3;
+    return SUB_ENTRY_DATA + static_cast<size_t>(size);
 }
 
 // Local areas and SRAM are read at once, with the reply built by the area's
@@ -282,11 +279,11 @@ void cmd_sub_read(Connection& c, const uint8_t* packet)
     const int n = records_in_packet(packet);
     uint8_t* body = reply + PACKET_HEADER_SIZE;
     body[0] = CMD_SUB_READ;
-    body[1] = static_cast<uint8_t>(n);
+    body[SUB_COUNT] = static_cast<uint8_t>(n);
 
     // L: body offset of the next entry; the checksum byte must stay inside
     // the reply buffer.
-    uint16_t L = static_cast<uint16_t>(2 + 2 * n);
+    uint16_t L = static_cast<uint16_t>(SUB_OFFSETS + SUB_OFFSET_SIZE * n);
     constexpr size_t body_room = PACKET_BUF_SIZE - PACKET_HEADER_SIZE - 1;
     for (int i = 0; i < n; ++i) {
         const bool modbus_view = prepare_record(c, packet + PKT_RECORDS + RECORD_SIZE * i);
@@ -298,19 +295,17 @@ void cmd_sub_read(Connection& c, const uint8_t* packet)
             bat_read_sram(rec, reply, pos, i, L);
         } else if (is_plc_area(rec.reg_id)) {
             const size_t room = body_room - L;
-            if (room < 2) {
+            if (room < SUB_ENTRY_ERROR_LEN) {
                 continue;  // the reply is full: no entry, offset stays 0
             }
             const size_t used = sub_read_plc_entry(c, body + L, room, modbus_view);
-            body[2 + 2 * i] = static_cast<uint8_t>(L & 0xff);
-            body[3 + 2 * i] = static_cast<uint8_t>(L >> 8);
+            put_le16(body + SUB_OFFSETS + SUB_OFFSET_SIZE * static_cast<size_t>(i), L);
             L = static_cast<uint16_t>(L + used);
         }
         // A record naming no area gets no entry: its offset stays 0.
     }
     body[L] = check_sum(body, L);
     const uint16_t package_len = static_cast<uint16_t>(L + 1);
-    reply[8] = static_cast<uint8_t>(package_len & 0xff);
-    reply[9] = static_cast<uint8_t>(package_len >> 8);
+    put_le16(reply + PKT_PACKAGE_LEN, package_len);
     answer(c, PACKET_HEADER_SIZE + 1 + L);
 }

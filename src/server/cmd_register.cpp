@@ -25,7 +25,7 @@ bool prepare_record(Connection& c, const uint8_t* rec_bytes)
     bool converted = false;
     const com_port_info* port = com_port(c.REG_ADDR_temp.deviceport_id);
     const uint8_t kind = c.REG_ADDR_temp.reg_id;
-    if (port != nullptr && driver_traits(port->plc_driver_no).modbus && (kind == 5 || kind == 6)) {
+    if (port != nullptr && driver_traits(port->plc_driver_no).modbus && (kind == MODBUS_INPUT_REGISTER_BITS || kind == MODBUS_HOLDING_REGISTER_BITS)) {
         c.modbus_orig = c.REG_ADDR_temp;
         change_REG_ADDR_temp_to_Modbus_Extend(c.REG_ADDR_temp, kind);
         converted = true;

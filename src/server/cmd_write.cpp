@@ -21,12 +21,14 @@ bool request_size_ok(const REG_ADDR& rec)
     return size >= 1 && size <= PORT_BUF_SIZE;
 }
 
-// The read-modify-write block of commands 9 and 10; a request of fewer than
-// 42 body bytes leaves out the value type, which is then 0.
+static_assert(sizeof(::rw_oper) == RW_BLOCK_SIZE);
+
+// The read-modify-write block of commands 9 and 10; a short request leaves
+// out the value type, which is then 0.
 ::rw_oper packet_rw_block(const uint8_t* packet)
 {
     ::rw_oper block{};
-    const size_t n = parse_package_len(packet) >= 42 ? sizeof block : sizeof block - 4;
+    const size_t n = parse_package_len(packet) >= BODY_RW ? RW_BLOCK_SIZE : RW_BLOCK_SHORT;
     std::memcpy(&block, packet + PKT_DATA, n);
     return block;
 }

@@ -52,7 +52,7 @@ Frame frame_packet(const uint8_t* buf, size_t have, size_t& packet_len)
         return Frame::Incomplete;
     }
     const uint16_t len = parse_package_len(buf);
-    if (len < 2 || PACKET_HEADER_SIZE + len > PACKET_BUF_SIZE) {
+    if (len < BODY_MIN || PACKET_HEADER_SIZE + len > PACKET_BUF_SIZE) {
         const size_t avail = have - PACKET_HEADER_SIZE;
         const int summed = static_cast<int>(avail < len ? avail : (len > 0 ? len - 1 : 0));
         const int expected = (len >= 1 && avail >= len) ? buf[PACKET_HEADER_SIZE + len - 1] : 0;
@@ -80,7 +80,7 @@ int minimum_package_len(uint8_t command)
     case CMD_UNREGISTER:
     case CMD_SUB_READ: return BODY_COUNTED_FIXED;
     case CMD_REALTIME_RW:
-    case CMD_REALTIME_RW_CHECK: return 38;
+    case CMD_REALTIME_RW_CHECK: return BODY_RW_SHORT;
     default: return BODY_ONE_RECORD;
     }
 }
@@ -121,7 +121,7 @@ void answer(Connection& c, size_t len)
 
 void answer_status(Connection& c, const uint8_t* packet4)
 {
-    answer(c, produce_ack_pack(c.reply, head, packet4, 4));
+    answer(c, produce_ack_pack(c.reply, head, packet4, BODY_STATUS));
 }
 
 void answer_refusal(Connection& c, uint8_t command)

@@ -49,19 +49,20 @@ void write_reg_addr_change(REG_ADDR& rec)
 void change_REG_ADDR_temp_to_Modbus_Extend(REG_ADDR& rec, uint8_t /*reg_id*/)
 {
     const int32_t s = rec.reg_addr_start;
-    const int32_t bits = wrap_add(s % 16, rec.reg_data_width);
-    rec.reg_id = static_cast<uint8_t>(rec.reg_id - 2);
+    const int32_t bits = wrap_add(s % MODBUS_REGISTER_BITS, rec.reg_data_width);
+    rec.reg_id = static_cast<uint8_t>(rec.reg_id - MODBUS_BIT_VIEW_SHIFT);
     rec.reg_type = 2;
-    rec.reg_data_width = static_cast<int16_t>(bits / 16 + (bits % 16 != 0 ? 1 : 0));
-    rec.reg_addr_start = s / 16;
+    rec.reg_data_width =
+        static_cast<int16_t>(bits / MODBUS_REGISTER_BITS + (bits % MODBUS_REGISTER_BITS != 0 ? 1 : 0));
+    rec.reg_addr_start = s / MODBUS_REGISTER_BITS;
 }
 
 int change_Modbus_Extend_to_REG_ADDR_temp(DrvRegAddr& addr, int count)
 {
-    addr.reg_id = static_cast<uint8_t>(addr.reg_id + 2);
+    addr.reg_id = static_cast<uint8_t>(addr.reg_id + MODBUS_BIT_VIEW_SHIFT);
     addr.reg_type = 0;
-    addr.reg_addr_start = wrap_mul(addr.reg_addr_start, 16);
-    return wrap_mul(count, 16);
+    addr.reg_addr_start = wrap_mul(addr.reg_addr_start, MODBUS_REGISTER_BITS);
+    return wrap_mul(count, MODBUS_REGISTER_BITS);
 }
 
 int RegAddr_IsModbusExtend(int port, const DrvRegAddr& addr)
@@ -70,7 +71,7 @@ int RegAddr_IsModbusExtend(int port, const DrvRegAddr& addr)
     if (info == nullptr || !driver_traits(info->plc_driver_no).modbus) {
         return 0;
     }
-    return (addr.reg_id == 3 || addr.reg_id == 4) ? 1 : 0;
+    return (addr.reg_id == MODBUS_INPUT_REGISTERS || addr.reg_id == MODBUS_HOLDING_REGISTERS) ? 1 : 0;
 }
 
 int RegAddr_MaxWidth(const DrvRegAddr& addr, const PlcParam& param)

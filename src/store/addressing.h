@@ -11,6 +11,15 @@
 // byte_offset; addr_unit only when asked for (write paths).
 DrvRegAddr drv_reg_addr(const REG_ADDR& r, bool with_addr_unit = false);
 
+// Modbus register kinds with a bit view: a client addresses bits of the
+// word kinds through the view kinds MODBUS_BIT_VIEW_SHIFT above them.
+constexpr uint8_t MODBUS_INPUT_REGISTERS = 3;
+constexpr uint8_t MODBUS_HOLDING_REGISTERS = 4;
+constexpr uint8_t MODBUS_BIT_VIEW_SHIFT = 2;
+constexpr uint8_t MODBUS_INPUT_REGISTER_BITS = MODBUS_INPUT_REGISTERS + MODBUS_BIT_VIEW_SHIFT;
+constexpr uint8_t MODBUS_HOLDING_REGISTER_BITS = MODBUS_HOLDING_REGISTERS + MODBUS_BIT_VIEW_SHIFT;
+constexpr int MODBUS_REGISTER_BITS = 16;
+
 void reg_addr_change(REG_ADDR& rec);
 void write_reg_addr_change(REG_ADDR& rec);
 void change_REG_ADDR_temp_to_Modbus_Extend(REG_ADDR& rec, uint8_t reg_id);

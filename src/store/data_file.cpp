@@ -15,13 +15,20 @@
 #include "base/ignore_result.h"
 #include "base/paths.h"
 #include "store/addressing.h"
+#include "tables/tables.h"
 
 namespace {
 
+constexpr int64_t STATUS_BYTES = 4;                      // the status word before the logical space
 constexpr int64_t DIRECT_BYTES = 2 * PLC_REG_DAT_BLOCK;   // data bytes 0..8191 live in blocks 0 and 1
 constexpr int64_t TOP_DIR_BLOCK = 2;
 constexpr int64_t FIRST_FREE_BLOCK = 3;
-constexpr int64_t DIR_ENTRIES = PLC_REG_DAT_BLOCK / 4;
+constexpr int64_t DIR_ENTRY_BYTES = 4;                    // one 32-bit block number
+constexpr int64_t DIR_ENTRIES = PLC_REG_DAT_BLOCK / DIR_ENTRY_BYTES;
+constexpr int TOP_DIR_SHIFT = 22;                         // data address bits above one second-level directory
+constexpr int BLOCK_SHIFT = 12;                           // data address bits inside one block
+static_assert(PLC_REG_DAT_BLOCK == 1 << BLOCK_SHIFT);
+static_assert(DIR_ENTRIES << BLOCK_SHIFT == int64_t{1} << TOP_DIR_SHIFT);
 constexpr int MAX_BITS_PER_CALL = 4096;                 // one byte per bit in the working buffer
 constexpr mode_t FILE_MODE = 0644;
 
@@ -161,11 +168,11 @@ void PlcRegDatArr_DoWriteData(PlcRegDatArr& arr, uint32_t key, int32_t addr, int
     if (f.fd <= 0) {
         return;
     }
-    uint8_t word[4];
+    uint8_t word[STATUS_BYTES];
     put_le32(word, static_cast<uint32_t>(status));
     ::lseek(f.fd, 0, SEEK_SET);
     ignore_result(::write(f.fd, word, sizeof word));
-    if (status == 1) {
+    if (status == STATUS_OK) {
         PlcRegDatArr_WriteFile(f.fd, addr, length, data);
     }
     PlcRegDatArr_ReleaseFileFd(arr, f);
@@ -243,7 +250,7 @@ int64_t PlcRegDatArr_GetWriteDataOffset(int fd, int32_t addr)
 
     // A map entry or a new block below 3 would point into the direct area or
     // the top directory: the map is unusable and nothing is written.
-    const int32_t top_index = addr >> 22;
+    const int32_t top_index = addr >> TOP_DIR_SHIFT;
     int64_t dir = PlcRegDatArr_GetSubBlock(fd, TOP_DIR_BLOCK, top_index);
     if (dir <= 0) {
         dir = PlcRegDatArr_NewBlock(fd);
@@ -255,7 +262,7 @@ int64_t PlcRegDatArr_GetWriteDataOffset(int fd, int32_t addr)
         return -1;
     }
 
-    const auto sub_index = static_cast<int32_t>((addr >> 12) % DIR_ENTRIES);
+    const auto sub_index = static_cast<int32_t>((addr >> BLOCK_SHIFT) % DIR_ENTRIES);
     int64_t block = PlcRegDatArr_GetSubBlock(fd, dir, sub_index);
     if (block <= 0) {
         block = PlcRegDatArr_NewBlock(fd);
@@ -271,12 +278,12 @@ int64_t PlcRegDatArr_GetWriteDataOffset(int fd, int32_t addr)
 
 int32_t PlcRegDatArr_GetSubBlock(int fd, int64_t block, int32_t index)
 {
-    const int64_t pos = 4 + block * PLC_REG_DAT_BLOCK + static_cast<int64_t>(index) * 4;
-    if (PlcRegDatArr_FileLen(fd) < pos + 4) {
+    const int64_t pos = STATUS_BYTES + block * PLC_REG_DAT_BLOCK + index * DIR_ENTRY_BYTES;
+    if (PlcRegDatArr_FileLen(fd) < pos + DIR_ENTRY_BYTES) {
         return -1;
     }
-    uint8_t word[4];
-    if (::pread(fd, word, sizeof word, static_cast<off_t>(pos)) != 4) {
+    uint8_t word[DIR_ENTRY_BYTES];
+    if (::pread(fd, word, sizeof word, static_cast<off_t>(pos)) != DIR_ENTRY_BYTES) {
         return -1;
     }
     return static_cast<int32_t>(get_le32(word));
@@ -284,19 +291,19 @@ int32_t PlcRegDatArr_GetSubBlock(int fd, int64_t block, int32_t index)
 
 int PlcRegDatArr_SetSubBlock(int fd, int64_t block, int32_t index, int32_t value)
 {
-    const int64_t pos = 4 + block * PLC_REG_DAT_BLOCK + static_cast<int64_t>(index) * 4;
-    if (PlcRegDatArr_FileLen(fd) < pos + 4) {
+    const int64_t pos = STATUS_BYTES + block * PLC_REG_DAT_BLOCK + index * DIR_ENTRY_BYTES;
+    if (PlcRegDatArr_FileLen(fd) < pos + DIR_ENTRY_BYTES) {
         return 0;
     }
-    uint8_t word[4];
+    uint8_t word[DIR_ENTRY_BYTES];
     put_le32(word, static_cast<uint32_t>(value));
-    return ::pwrite(fd, word, sizeof word, static_cast<off_t>(pos)) == 4 ? 1 : 0;
+    return ::pwrite(fd, word, sizeof word, static_cast<off_t>(pos)) == DIR_ENTRY_BYTES ? 1 : 0;
 }
 
 int64_t PlcRegDatArr_NewBlock(int fd)
 {
     const off_t old_len = PlcRegDatArr_FileLen(fd);
-    if (old_len < 4) {
+    if (old_len < STATUS_BYTES) {
         return -1;
     }
     if (write_zeros(fd, PLC_REG_DAT_BLOCK) != PLC_REG_DAT_BLOCK) {
@@ -304,7 +311,7 @@ int64_t PlcRegDatArr_NewBlock(int fd)
         ignore_result(::ftruncate(fd, old_len));
         return -1;
     }
-    return (old_len - 4) / PLC_REG_DAT_BLOCK;
+    return (old_len - STATUS_BYTES) / PLC_REG_DAT_BLOCK;
 }
 
 int64_t PlcRegDatArr_FillZero(int fd, int64_t logical)
@@ -319,11 +326,11 @@ int64_t PlcRegDatArr_FillZero(int fd, int64_t logical)
 int64_t PlcRegDatArr_Seek2(int fd, int64_t logical)
 {
     const int64_t len = PlcRegDatArr_FileLen(fd);
-    if (logical + 4 < len) {
-        ::lseek(fd, static_cast<off_t>(logical + 4), SEEK_SET);
+    if (logical + STATUS_BYTES < len) {
+        ::lseek(fd, static_cast<off_t>(logical + STATUS_BYTES), SEEK_SET);
         return 0;
     }
-    return len - (logical + 4);
+    return len - (logical + STATUS_BYTES);
 }
 
 off_t PlcRegDatArr_FileLen(int fd)

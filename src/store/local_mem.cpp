@@ -150,16 +150,16 @@ bool sram_base(int64_t& base)
 bool sram_locate(const REG_ADDR& rec, const Span& sp, SramSpan& out)
 {
     int64_t base = 0;
-    if ((rec.reg_id == 250 || rec.reg_id == 251) && !sram_base(base)) {
+    if ((rec.reg_id == REG_ID_SRAM_BASE_BITS || rec.reg_id == REG_ID_SRAM_BASE_WORDS) && !sram_base(base)) {
         return false;
     }
     const int64_t s = sp.start;
     int64_t first = 0;
     switch (rec.reg_id) {
-    case 250: first = (base * 16 + s) / 16; break;  // bits counted from word B
-    case 251: first = base + s; break;              // words counted from word B
-    case 252: first = s / 16; break;                // bits from data word 0
-    case 253: first = s; break;                     // words from data word 0
+    case REG_ID_SRAM_BASE_BITS: first = (base * 16 + s) / 16; break;
+    case REG_ID_SRAM_BASE_WORDS: first = base + s; break;
+    case REG_ID_SRAM_BITS: first = s / 16; break;
+    case REG_ID_SRAM_WORDS: first = s; break;
     default: return false;
     }
     out.bit0 = sp.words ? 0 : s % 16;
@@ -248,7 +248,7 @@ Access store_sram(const REG_ADDR& rec, const Span& sp, const uint8_t* src)
 
 size_t status_reply(uint8_t* reply, const uint8_t* status)
 {
-    return produce_ack_pack(reply, head, status, 4);
+    return produce_ack_pack(reply, head, status, BODY_STATUS);
 }
 
 size_t data_reply(uint8_t* reply, uint8_t command, const uint8_t* data, size_t size)
@@ -262,24 +262,19 @@ size_t data_reply(uint8_t* reply, uint8_t command, const uint8_t* data, size_t s
 size_t append_entry(uint8_t* reply, size_t write_pos, int item_index, uint16_t& running_offset,
                     const uint8_t* data, size_t size, bool ok)
 {
-    const auto slot = PACKET_HEADER_SIZE + 2 + 2 * static_cast<size_t>(item_index);
-    if (item_index < 0 || slot + 2 > PACKET_BUF_SIZE) {
+    const auto slot = PACKET_HEADER_SIZE + SUB_OFFSETS + SUB_OFFSET_SIZE * static_cast<size_t>(item_index);
+    if (item_index < 0 || slot + SUB_OFFSET_SIZE > PACKET_BUF_SIZE) {
         return 0;
     }
-    if (ok && write_pos + 3 + size + 1 > PACKET_BUF_SIZE) {
+    if (ok && write_pos + SUB_ENTRY_DATA + size + 1 > PACKET_BUF_SIZE) {
         ok = false;
     }
-    if (write_pos + 2 + 1 > PACKET_BUF_SIZE) {
+    if (write_pos + SUB_ENTRY_ERROR_LEN + 1 > PACKET_BUF_SIZE) {
         return 0;
     }
     put_le16(reply + slot, running_offset);
-    size_t len = 2;
-    if (ok) {
-        len = produce_sub_read_ack_pack(reply + write_pos, static_cast<uint16_t>(size), data);
-    } else {
-        reply[write_pos] = 0;
-        reply[write_pos + 1] = 3;
-    }
+    const size_t len = ok ? produce_sub_read_ack_pack(reply + write_pos, static_cast<uint16_t>(size), data)
+                          : produce_sub_read_error_entry(reply + write_pos, REPLY_FAILED);
     running_offset = static_cast<uint16_t>(running_offset + len);
     return len;
 }

@@ -74,46 +74,46 @@ void apply_signed(int32_t& v, rw_oper& rw)
     const int32_t hi = rw.limit_high;
     const int32_t lo = rw.limit_low;
     switch (rw.op_code) {
-    case 1:
+    case RW_TOGGLE:
         v ^= 1;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 2:
+    case RW_ADD_RESET:
         v = wrap_add(v, s);
         if (v > hi) v = 0;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 3:
+    case RW_SUB_CLAMP:
         v = wrap_sub(v, s);
         if (v < hi) v = hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 4:
-        if (rw.direction == 1) {
+    case RW_PING_PONG:
+        if (rw.direction == RW_UP) {
             v = wrap_add(v, s);
             if (v > hi) {
                 v = hi;
-                rw.direction = 0;
+                rw.direction = RW_DOWN;
             }
         } else {
             v = wrap_sub(v, s);
             if (v < lo) {
                 v = lo;
-                rw.direction = 1;
+                rw.direction = RW_UP;
             }
         }
         break;
-    case 5:
+    case RW_ADD_WRAP:
         v = wrap_add(v, s);
         if (v > hi) v = lo;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 6:
+    case RW_SUB_WRAP:
         v = wrap_sub(v, s);
         if (v < lo) v = hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 8:
+    case RW_ADD_CLAMP:
         v = wrap_add(v, s);
         if (v > hi) v = hi;
         break;
@@ -139,45 +139,45 @@ void apply_unsigned(uint32_t& v, rw_oper& rw)
     };
     uint32_t r = 0;
     switch (rw.op_code) {
-    case 2:
+    case RW_ADD_RESET:
         v = (v < hi && up_ok(r)) ? r : 0;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 3:
+    case RW_SUB_CLAMP:
         v = (v > hi && down_ok(r, hi)) ? r : hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 4:
-        if (rw.direction == 1) {
+    case RW_PING_PONG:
+        if (rw.direction == RW_UP) {
             if (v < hi && up_ok(r)) {
                 v = r;
-                if (r == hi) rw.direction = 0;
+                if (r == hi) rw.direction = RW_DOWN;
             } else {
                 v = hi;
-                rw.direction = 0;
+                rw.direction = RW_DOWN;
             }
         } else {
             if (v > lo && down_ok(r, lo)) {
                 v = r;
-                if (r == lo) rw.direction = 1;
+                if (r == lo) rw.direction = RW_UP;
             } else {
                 v = lo;
-                rw.direction = 1;
+                rw.direction = RW_UP;
             }
         }
         break;
-    case 5:
+    case RW_ADD_WRAP:
         v = (v < hi && up_ok(r)) ? r : lo;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 6:
+    case RW_SUB_WRAP:
         v = (v > lo && down_ok(r, lo)) ? r : hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 8:
+    case RW_ADD_CLAMP:
         v = (v < hi && up_ok(r)) ? r : hi;
         break;
-    default: // 1, 7 and unknown codes: no change
+    default: // RW_TOGGLE, RW_NOTHING and unknown codes: no change
         break;
     }
 }
@@ -191,51 +191,51 @@ void apply_real(T& v, rw_oper& rw)
     const T hi = static_cast<T>(std::bit_cast<float>(rw.limit_high));
     const T lo = static_cast<T>(std::bit_cast<float>(rw.limit_low));
     switch (rw.op_code) {
-    case 2:
+    case RW_ADD_RESET:
         v = v + s;
         if (v > hi) v = 0;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 3:
+    case RW_SUB_CLAMP:
         v = v - s;
         if (v < hi) v = hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 4:
-        if (rw.direction == 1) {
+    case RW_PING_PONG:
+        if (rw.direction == RW_UP) {
             v = v + s;
             if (v > hi) {
                 v = hi;
-                rw.direction = 0;
+                rw.direction = RW_DOWN;
             }
         } else {
             v = v - s;
             if (v < lo) {
                 v = lo;
-                rw.direction = 1;
+                rw.direction = RW_UP;
             }
         }
         break;
-    case 5:
+    case RW_ADD_WRAP:
         v = v + s;
         if (v > hi) v = lo;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 6:
+    case RW_SUB_WRAP:
         v = v - s;
         if (v < lo) v = hi;
-        rw.direction = 2;
+        rw.direction = RW_NO_DIRECTION;
         break;
-    case 8:
+    case RW_ADD_CLAMP:
         v = v + s;
         if (v > hi) v = hi;
         break;
-    default: // 1 (no toggle for real values), 7 and unknown codes
+    default: // RW_TOGGLE (no toggle for real values), RW_NOTHING and unknown codes
         break;
     }
 }
 
-// Integer path: value type 0 in the register's own width, and every bit
+// Integer path: RW_VALUE_INTEGER in the register's own width, and every bit
 // register whatever its value type.
 void rw_integer(const REG_ADDR& reg, uint8_t* value, rw_oper& rw)
 {
@@ -326,18 +326,18 @@ void process_rw_operation_double(const REG_ADDR& reg, uint8_t* value, rw_oper& r
 
 void process_rw_operation(const REG_ADDR& reg, uint8_t* value, rw_oper& rw, int siemens_flag)
 {
-    if (rw.value_type == 0 || reg.reg_type == 0) {
+    if (rw.value_type == RW_VALUE_INTEGER || reg.reg_type == 0) {
         rw_integer(reg, value, rw);
         return;
     }
     switch (rw.value_type) {
-    case 1:
+    case RW_VALUE_UNSIGNED:
         process_rw_operation_unsigned(reg, value, rw);
         break;
-    case 2:
+    case RW_VALUE_FLOAT:
         process_rw_operation_float(reg, value, rw);
         break;
-    case 3: {
+    case RW_VALUE_DOUBLE: {
         // The buffer holds the double's high word first. Bytes beyond the
         // register's size read as 0.
         uint8_t pair[8] = {};

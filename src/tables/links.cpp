@@ -38,6 +38,6 @@ void links_init()
     real_link_len = 0;
 }
 
-bool table_flag_new_range_valid() { return get_bit(9260) != 0; }
-bool table_flag_keep_on_unregister() { return get_bit(9261) != 0; }
-bool table_flag_merge_realtime_reads() { return get_bit(9262) != 0; }
+bool table_flag_new_range_valid() { return get_bit(LOCAL_BIT_NEW_RANGE_VALID) != 0; }
+bool table_flag_keep_on_unregister() { return get_bit(LOCAL_BIT_KEEP_ON_UNREGISTER) != 0; }
+bool table_flag_merge_realtime_reads() { return get_bit(LOCAL_BIT_MERGE_REALTIME_READS) != 0; }

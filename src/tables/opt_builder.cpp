@@ -78,7 +78,7 @@ FAT_node* find_FAT_new(FAT_node* from, int port)
         return nullptr;
     }
     for (FAT_node* f = from; f != FAT_link_tail && f != nullptr; f = f->next) {
-        if (f->deviceport_id == port && f->change_state != 0) {
+        if (f->deviceport_id == port && f->change_state != AREA_CURRENT) {
             return f;
         }
     }
@@ -202,7 +202,7 @@ void build_OPT_area(FAT_node* fat, OPT_node* pos, int32_t max_len, int32_t max_g
 void delete_FAT(FAT_node* fat)
 {
     assert(lock_rules::holds(lock_rules::TABLES_EXCLUSIVE));
-    fat->change_state = 0;
+    fat->change_state = AREA_CURRENT;
     fat->opt_first = nullptr;
     fat->prev->next = fat->next;
     fat->next->prev = fat->prev;
@@ -254,7 +254,7 @@ bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& curs
         }
         delete_OPT_area(pos, fat, tail);
 
-        if (fat->change_state == 2) {
+        if (fat->change_state == AREA_EMPTY) {
             FAT_node* next = fat->next;
             delete_FAT(fat);
             if (on_area) {
@@ -270,7 +270,7 @@ bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& curs
         if (on_area) {
             cursor = pos->next == tail ? head : pos->next;
         }
-        fat->change_state = 0;
+        fat->change_state = AREA_CURRENT;
         from = fat->next;
     }
     return handled;

@@ -30,7 +30,7 @@ void opt_list_free(OPT_node*& head, OPT_node*& tail);
 
 // The operations below expect `rwlock` held for writing.
 
-// First FAT node from `from` (inclusive) of the port with change_state != 0.
+// First FAT node from `from` (inclusive) of the port with change_state != AREA_CURRENT.
 FAT_node* find_FAT_new(FAT_node* from, int port);
 // Block after which the blocks of an area without blocks are to be inserted.
 OPT_node* find_OPT_delete_start(FAT_node* fat, OPT_node* head, OPT_node* tail, int port);
@@ -51,7 +51,7 @@ bool advance_OPT_cursor(OPT_node* head, OPT_node* tail, OPT_node*& cursor);
 
 // One rebuild pass of a port thread: advances the cursor, then, under
 // `rwlock` held for writing, rebuilds or removes the blocks of every area of
-// the port whose change_state is not 0, keeping the cursor off freed blocks.
+// the port whose change_state is not AREA_CURRENT, keeping the cursor off freed blocks.
 // Returns true when any area was handled. `wrapped` (optional) tells whether
 // the advance wrapped to the first block.
 bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& cursor,

@@ -2,6 +2,7 @@
 #include "tables/realtime_list.h"
 
 #include <cassert>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -49,9 +50,9 @@ namespace {
 bool same_request(const RORT_node* n, const REG_ADDR& rec, const rw_oper& key, int req_type)
 {
     // A read-modify-write is also identified by its operation, step and
-    // limits (the first four fields of the block).
+    // limits (the fields before direction).
     return n->req_type == req_type && reg_addr_equal(n->reg_addr, rec) &&
-           (req_type != REQ_RMW || std::memcmp(&n->rw_oper, &key, 16) == 0);
+           (req_type != REQ_RMW || std::memcmp(&n->rw_oper, &key, offsetof(rw_oper, direction)) == 0);
 }
 
 // Older requests of the owner with the new request's identity can no longer

@@ -11,15 +11,25 @@
 #include "tables/realtime_list.h"
 #include "tables/table_ops.h"
 
+namespace {
+
+constexpr int DEFAULT_SWEEP_SECONDS = 30;
+constexpr long MAX_SWEEP_SECONDS = 86400;  // one day
+// Sweeps a realtime request survives uncollected once done, or unserved
+// while its port has no thread.
+constexpr int REALTIME_MAX_AGE = 2;
+
+} // namespace
+
 int sweep_period_seconds()
 {
     const char* text = std::getenv("COMSERVER_SWEEP_SECONDS");
     if (text == nullptr)
-        return 30;
+        return DEFAULT_SWEEP_SECONDS;
     char* end = nullptr;
     long value = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value <= 0 || value > 86400)
-        return 30;
+    if (end == text || *end != '\0' || value <= 0 || value > MAX_SWEEP_SECONDS)
+        return DEFAULT_SWEEP_SECONDS;
     return static_cast<int>(value);
 }
 
@@ -57,7 +67,7 @@ void sweep_realtime()
     while (node != RORT_link_tail) {
         RORT_node* next = node->next;
         const bool done = node->status != STATUS_PENDING;
-        if (node->age > 2 || (done && node->retired))
+        if (node->age > REALTIME_MAX_AGE || (done && node->retired))
             delete_realtime_link(node);
         else if (done || !port_has_thread(node->reg_addr.deviceport_id))
             node->age++;

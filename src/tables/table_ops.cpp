@@ -122,7 +122,7 @@ ORG_node* check_ORG(ORG_node* first, const REG_ADDR& rec)
 ORG_node* find_ORG_instert(FAT_node* fat)
 {
     FAT_node* f = fat->next;
-    while (f != FAT_link_tail && f->change_state == 2)
+    while (f != FAT_link_tail && f->change_state == AREA_EMPTY)
         f = f->next;
     // The FAT tail's org_first is the ORG tail, so this also yields the last
     // ORG node when no live area follows.
@@ -208,7 +208,7 @@ void delete_ORT_FAT(FAT_node* fat, ORG_node* org)
     if (fat->org_first != org) {
         FAT_START_ADDR(FAT_link_head->next, org);
         delete_ORG(org);
-        fat->change_state = 1;
+        fat->change_state = AREA_REBUILD;
     } else if (in_area(org->next, org->reg_addr)) {
         fat->org_first = org->next;
         // An emptied area may still be parked on this node: it was the last
@@ -216,12 +216,12 @@ void delete_ORT_FAT(FAT_node* fat, ORG_node* org)
         // the group since then followed it. Move such areas off it too.
         FAT_START_ADDR(FAT_link_head->next, org);
         delete_ORG(org);
-        fat->change_state = 1;
+        fat->change_state = AREA_REBUILD;
     } else {
         fat->org_first = org->prev;
         FAT_START_ADDR(FAT_link_head->next, org);
         delete_ORG(org);
-        fat->change_state = 2;
+        fat->change_state = AREA_EMPTY;
     }
 }
 
@@ -231,14 +231,14 @@ OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
     FAT_node* f = check_FAT(rec);
 
     if (f != nullptr && f != FAT_link_tail && same_area(*f, rec)) {
-        if (f->change_state == 2) {
+        if (f->change_state == AREA_EMPTY) {
             // Refill an emptied area whose FAT node is still in the list.
             ORG_node* node = new_org_node(rec);
             if (node == nullptr)
                 return {nullptr, false};
             insert_ORG(node, rec, find_ORG_instert(f));
             f->org_first = node;
-            f->change_state = 1;
+            f->change_state = AREA_REBUILD;
             return {node, true};
         }
         ORG_node* pos = check_ORG(f->org_first, rec);
@@ -250,7 +250,7 @@ OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
         insert_ORG(node, rec, pos);
         if (node->next == f->org_first)
             f->org_first = node;
-        f->change_state = 1;
+        f->change_state = AREA_REBUILD;
         return {node, true};
     }
 
@@ -277,7 +277,7 @@ OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
             insert_ORG(node, rec, find_ORG_instert(fat));
     }
     fat->org_first = node;
-    fat->change_state = 1;
+    fat->change_state = AREA_REBUILD;
     return {node, true};
 }
 
@@ -287,7 +287,7 @@ namespace {
 std::pair<FAT_node*, ORG_node*> lookup_range(const REG_ADDR& rec)
 {
     FAT_node* f = check_FAT(rec);
-    if (f == nullptr || f == FAT_link_tail || !same_area(*f, rec) || f->change_state == 2)
+    if (f == nullptr || f == FAT_link_tail || !same_area(*f, rec) || f->change_state == AREA_EMPTY)
         return {nullptr, nullptr};
     ORG_node* pos = check_ORG(f->org_first, rec);
     if (pos == ORT_link_head || !reg_addr_equal(pos->reg_addr, rec))

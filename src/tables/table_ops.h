@@ -23,7 +23,7 @@ FAT_node* check_FAT(const REG_ADDR& rec);
 ORG_node* check_ORG(ORG_node* first, const REG_ADDR& rec);
 
 // The ORG node after which a group for `fat` is placed: the node before the
-// group of the first later FAT node whose change_state is not 2, else the
+// group of the first later FAT node whose change_state is not AREA_EMPTY, else the
 // last ORG node.
 ORG_node* find_ORG_instert(FAT_node* fat);
 

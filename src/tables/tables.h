@@ -15,12 +15,19 @@
 struct ORG_node;
 struct OPT_node;
 
+// FAT_node::change_state: what the port thread's next rebuild pass does.
+enum : int32_t {
+    AREA_CURRENT = 0,  // the poll blocks match the ranges: nothing
+    AREA_REBUILD = 1,  // ranges changed: build the blocks again
+    AREA_EMPTY = 2,    // no range left: delete the area
+};
+
 struct FAT_node {
     uint8_t deviceport_id;
     uint8_t plc_id;
     uint8_t reg_type;
     uint8_t reg_id;
-    int32_t change_state;   // 0 blocks current, 1 rebuild, 2 group empty: delete
+    int32_t change_state;   // AREA_CURRENT, AREA_REBUILD or AREA_EMPTY
     ORG_node* org_first;
     FAT_node* prev;
     FAT_node* next;
@@ -61,7 +68,7 @@ struct ORG_node {
 
 struct OPT_node {
     REG_ADDR reg_addr;
-    ORG_node* org;          // first covered range; valid only while change_state is 0
+    ORG_node* org;          // first covered range; valid only while change_state is AREA_CURRENT
     OPT_node* prev;
     OPT_node* next;
 };
@@ -98,7 +105,10 @@ extern lock_rules::RuleMutex<lock_rules::REALTIME_LIST> mutex;
 void links_init();
 
 // Table flags: bits 12, 13, 14 of the 32-bit word at byte 1156 of the local
-// bit area (local bits 9260..9262), read at the moment of use.
+// bit area, read at the moment of use.
+constexpr int LOCAL_BIT_NEW_RANGE_VALID = 9260;
+constexpr int LOCAL_BIT_KEEP_ON_UNREGISTER = 9261;
+constexpr int LOCAL_BIT_MERGE_REALTIME_READS = 9262;
 bool table_flag_new_range_valid();     // bit 12
 bool table_flag_keep_on_unregister();  // bit 13
 bool table_flag_merge_realtime_reads();// bit 14
