@@ -5,6 +5,7 @@
 #include <cassert>
 #include <new>
 
+#include "tables/table_checks.h"
 #include "tables/table_ops.h"
 
 namespace {
@@ -273,5 +274,7 @@ bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& curs
         fat->change_state = AREA_CURRENT;
         from = fat->next;
     }
+    tables_checked();
+    opt_checked(port, head, tail, cursor, limits);
     return handled;
 }

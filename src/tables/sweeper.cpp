@@ -9,6 +9,7 @@
 
 #include "base/globals.h"
 #include "tables/realtime_list.h"
+#include "tables/table_checks.h"
 #include "tables/table_ops.h"
 
 namespace {
@@ -54,6 +55,7 @@ void sweep_ranges()
             delete_ORG(node);   // orphan range: cannot happen on a consistent table
         node = next;
     }
+    tables_checked();
 }
 
 // A done request that nobody collects goes on the fourth sweep, a retired

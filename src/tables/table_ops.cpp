@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/lock_rules.h"
+#include "tables/table_checks.h"
 
 namespace {
 
@@ -225,9 +226,10 @@ void delete_ORT_FAT(FAT_node* fat, ORG_node* org)
     }
 }
 
-OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
+namespace {
+
+OrtFatResult insert_range(const REG_ADDR& rec)
 {
-    assert(may_link());
     FAT_node* f = check_FAT(rec);
 
     if (f != nullptr && f != FAT_link_tail && same_area(*f, rec)) {
@@ -281,6 +283,16 @@ OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
     return {node, true};
 }
 
+} // namespace
+
+OrtFatResult insert_ORT_FAT(const REG_ADDR& rec)
+{
+    assert(may_link());
+    const OrtFatResult r = insert_range(rec);
+    tables_checked();
+    return r;
+}
+
 namespace {
 
 // The registered range equal to `rec` and its area, or nulls.
@@ -308,4 +320,5 @@ void unregister_ORT_FAT(const REG_ADDR& rec)
     const auto [fat, org] = lookup_range(rec);
     if (org != nullptr)
         delete_ORT_FAT(fat, org);
+    tables_checked();
 }
