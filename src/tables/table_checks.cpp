@@ -10,14 +10,10 @@
 #include <set>
 #include <vector>
 
+#include "tables/table_ops.h"
+
 namespace {
 
-uint32_t key_of(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
-{
-    return (uint32_t{port} << 24) | (uint32_t{plc} << 16) | (uint32_t{type} << 8) | id;
-}
-uint32_t key_of(const REG_ADDR& r) { return key_of(r.deviceport_id, r.plc_id, r.reg_type, r.reg_id); }
-uint32_t key_of(const FAT_node& f) { return key_of(f.deviceport_id, f.plc_id, f.reg_type, f.reg_id); }
 int64_t end_of(const REG_ADDR& r) { return int64_t{r.reg_addr_start} + r.reg_data_width; }
 
 std::string broken(const std::string& what, uint32_t key = 0)
@@ -39,17 +35,17 @@ std::string check_org_list(std::vector<ORG_node*>& orgs)
             continue;
         const REG_ADDR& c = o->reg_addr;
         if (o->data == nullptr)
-            return broken("ORG node without cache", key_of(c));
+            return broken("ORG node without cache", area_key(c));
         if (!records.insert(std::string(reinterpret_cast<const char*>(&c), sizeof c)).second)
-            return broken("duplicate record", key_of(c));
+            return broken("duplicate record", area_key(c));
         if (!orgs.empty()) {
             const REG_ADDR& p = orgs.back()->reg_addr;
-            if (key_of(p) > key_of(c))
-                return broken("ORG groups out of area order", key_of(c));
-            if (key_of(p) == key_of(c) &&
+            if (area_key(p) > area_key(c))
+                return broken("ORG groups out of area order", area_key(c));
+            if (area_key(p) == area_key(c) &&
                 (p.reg_addr_start > c.reg_addr_start ||
                  (p.reg_addr_start == c.reg_addr_start && p.reg_data_width < c.reg_data_width)))
-                return broken("ranges out of order at " + std::to_string(c.reg_addr_start), key_of(c));
+                return broken("ranges out of order at " + std::to_string(c.reg_addr_start), area_key(c));
         }
         orgs.push_back(o);
     }
@@ -59,14 +55,14 @@ std::string check_org_list(std::vector<ORG_node*>& orgs)
 // One FAT node's org_first against its group's first node (null: no ranges).
 std::string check_area_anchor(const FAT_node& f, const ORG_node* first, const std::set<const ORG_node*>& live)
 {
-    const uint32_t k = key_of(f);
+    const uint32_t k = area_key(f);
     if (f.change_state == AREA_EMPTY) {
         // Emptied: parked on a live node (or the head) sorting before the area.
         if (first != nullptr)
             return broken("emptied area with ranges", k);
         if (live.count(f.org_first) == 0)
             return broken("emptied area parked on a freed node", k);
-        if (f.org_first != ORT_link_head && key_of(f.org_first->reg_addr) >= k)
+        if (f.org_first != ORT_link_head && area_key(f.org_first->reg_addr) >= k)
             return broken("emptied area parked after its place", k);
         return {};
     }
@@ -95,11 +91,11 @@ std::string collect_blocks(int port, OPT_node* head, OPT_node* tail, OPT_node* c
         int32_t gap = 0;
         opt_limits_for(limits, r.reg_type, len, gap);
         if (r.deviceport_id != port || r.reg_data_width < 1 || r.reg_data_width > len)
-            return broken("block of another port, empty or over its limit", key_of(r));
+            return broken("block of another port, empty or over its limit", area_key(r));
         if (!blocks.empty()) {
             const REG_ADDR& p = blocks.back()->reg_addr;
-            if (key_of(p) > key_of(r) || (key_of(p) == key_of(r) && end_of(p) > r.reg_addr_start))
-                return broken("blocks out of order or overlapping", key_of(r));
+            if (area_key(p) > area_key(r) || (area_key(p) == area_key(r) && end_of(p) > r.reg_addr_start))
+                return broken("blocks out of order or overlapping", area_key(r));
         }
         cursor_seen = cursor_seen || cursor == b;
         blocks.push_back(b);
@@ -110,9 +106,9 @@ std::string collect_blocks(int port, OPT_node* head, OPT_node* tail, OPT_node* c
 // The blocks [first, last) of a current area against its ranges.
 std::string check_area_blocks(const FAT_node& f, const std::vector<OPT_node*>& blocks, size_t first, size_t last)
 {
-    const uint32_t k = key_of(f);
+    const uint32_t k = area_key(f);
     std::vector<const ORG_node*> ranges;
-    for (const ORG_node* o = f.org_first; o != ORT_link_tail && key_of(o->reg_addr) == k; o = o->next)
+    for (const ORG_node* o = f.org_first; o != ORT_link_tail && area_key(o->reg_addr) == k; o = o->next)
         ranges.push_back(o);
     auto inside = [&](int64_t reg) {
         return std::any_of(ranges.begin(), ranges.end(), [&](const ORG_node* o) {
@@ -154,19 +150,19 @@ std::string tables_check()
 
     std::set<uint32_t> fat_keys;
     for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next) {
-        const uint32_t k = key_of(*f);
+        const uint32_t k = area_key(*f);
         if (f->next == nullptr || f->next->prev != f || f->prev->next != f)
             return broken("FAT links broken", k);
-        if (f->prev != FAT_link_head && key_of(*f->prev) >= k)
+        if (f->prev != FAT_link_head && area_key(*f->prev) >= k)
             return broken("FAT keys not strictly ascending", k);
         fat_keys.insert(k);
-        auto it = std::find_if(orgs.begin(), orgs.end(), [k](ORG_node* o) { return key_of(o->reg_addr) == k; });
+        auto it = std::find_if(orgs.begin(), orgs.end(), [k](ORG_node* o) { return area_key(o->reg_addr) == k; });
         if (std::string e = check_area_anchor(*f, it == orgs.end() ? nullptr : *it, live); !e.empty())
             return e;
     }
     for (const ORG_node* o : orgs)
-        if (fat_keys.count(key_of(o->reg_addr)) == 0)
-            return broken("ORG node without FAT node", key_of(o->reg_addr));
+        if (fat_keys.count(area_key(o->reg_addr)) == 0)
+            return broken("ORG node without FAT node", area_key(o->reg_addr));
     return {};
 }
 
@@ -179,11 +175,11 @@ std::string opt_check(int port, OPT_node* head, OPT_node* tail, OPT_node* cursor
     for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next) {
         if (f->deviceport_id != port)
             continue;
-        const uint32_t k = key_of(*f);
-        if (next < blocks.size() && key_of(blocks[next]->reg_addr) < k)
-            return broken("blocks of an area without FAT node", key_of(blocks[next]->reg_addr));
+        const uint32_t k = area_key(*f);
+        if (next < blocks.size() && area_key(blocks[next]->reg_addr) < k)
+            return broken("blocks of an area without FAT node", area_key(blocks[next]->reg_addr));
         const size_t first = next;
-        while (next < blocks.size() && key_of(blocks[next]->reg_addr) == k)
+        while (next < blocks.size() && area_key(blocks[next]->reg_addr) == k)
             ++next;
         if (f->opt_first != (first == next ? nullptr : blocks[first]))
             return broken("opt_first is not the area's first block", k);
@@ -193,7 +189,7 @@ std::string opt_check(int port, OPT_node* head, OPT_node* tail, OPT_node* cursor
             return e;
     }
     if (next != blocks.size())
-        return broken("blocks of an area without FAT node", key_of(blocks[next]->reg_addr));
+        return broken("blocks of an area without FAT node", area_key(blocks[next]->reg_addr));
     return {};
 }
 

@@ -18,17 +18,6 @@ bool may_search() { return lock_rules::holds(lock_rules::TABLES); }
 bool may_link() { return lock_rules::holds(lock_rules::TABLES_EXCLUSIVE); }
 #endif
 
-uint32_t fat_key(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
-{
-    // Packing the four bytes big-end first makes integer order the
-    // lexicographic order of the key.
-    return (uint32_t{port} << 24) | (uint32_t{plc} << 16) | (uint32_t{type} << 8) | id;
-}
-
-uint32_t fat_key(const FAT_node& f) { return fat_key(f.deviceport_id, f.plc_id, f.reg_type, f.reg_id); }
-
-uint32_t fat_key(const REG_ADDR& r) { return fat_key(r.deviceport_id, r.plc_id, r.reg_type, r.reg_id); }
-
 // True when `org` is a real node (not a sentinel) of the record's area.
 bool in_area(const ORG_node* org, const REG_ADDR& rec)
 {
@@ -71,16 +60,27 @@ void free_org_node(ORG_node* node)
 
 } // namespace
 
+uint32_t area_key(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
+{
+    // Packing the four bytes big-end first makes integer order the
+    // lexicographic order of the key.
+    return (uint32_t{port} << 24) | (uint32_t{plc} << 16) | (uint32_t{type} << 8) | id;
+}
+
+uint32_t area_key(const FAT_node& f) { return area_key(f.deviceport_id, f.plc_id, f.reg_type, f.reg_id); }
+
+uint32_t area_key(const REG_ADDR& r) { return area_key(r.deviceport_id, r.plc_id, r.reg_type, r.reg_id); }
+
 int area_key_compare(const FAT_node& fat, const REG_ADDR& rec)
 {
-    uint32_t a = fat_key(fat);
-    uint32_t b = fat_key(rec);
+    uint32_t a = area_key(fat);
+    uint32_t b = area_key(rec);
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-bool same_area(const FAT_node& fat, const REG_ADDR& rec) { return fat_key(fat) == fat_key(rec); }
+bool same_area(const FAT_node& fat, const REG_ADDR& rec) { return area_key(fat) == area_key(rec); }
 
-bool same_area(const REG_ADDR& a, const REG_ADDR& b) { return fat_key(a) == fat_key(b); }
+bool same_area(const REG_ADDR& a, const REG_ADDR& b) { return area_key(a) == area_key(b); }
 
 FAT_node* check_FAT(const REG_ADDR& rec)
 {

@@ -5,6 +5,12 @@
 
 #include "tables/tables.h"
 
+// An area's key (deviceport_id, plc_id, reg_type, reg_id) as one number
+// whose integer order is the key order.
+uint32_t area_key(uint8_t port, uint8_t plc, uint8_t type, uint8_t id);
+uint32_t area_key(const FAT_node& fat);
+uint32_t area_key(const REG_ADDR& rec);
+
 // Area key order: deviceport_id, plc_id, reg_type, reg_id as unsigned bytes.
 // Negative when the FAT node's key sorts before the record's, 0 when equal,
 // positive after.

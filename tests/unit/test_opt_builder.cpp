@@ -111,7 +111,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     cursor = head;
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head->next);
-    EXPECT_EQ(key_of(cursor->reg_addr), key_of(1, 1, 2, 2));
+    EXPECT_EQ(area_key(cursor->reg_addr), area_key(1, 1, 2, 2));
 
     // Cursor on B's second block while B is rebuilt: it goes to B's first new block.
     reg(word(2, 50, 1));
@@ -125,7 +125,7 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
     unreg_range(word(3, 0, 10));
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head);
-    EXPECT_EQ(key_of(tail->prev->reg_addr), key_of(1, 1, 2, 2));
+    EXPECT_EQ(area_key(tail->prev->reg_addr), area_key(1, 1, 2, 2));
     EXPECT_TRUE(tables_consistent());
 }
 

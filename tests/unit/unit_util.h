@@ -27,12 +27,6 @@
 
 namespace table_test {
 
-inline uint32_t key_of(uint8_t port, uint8_t plc, uint8_t type, uint8_t id)
-{
-    return (uint32_t{port} << 24) | (uint32_t{plc} << 16) | (uint32_t{type} << 8) | id;
-}
-inline uint32_t key_of(const REG_ADDR& r) { return key_of(r.deviceport_id, r.plc_id, r.reg_type, r.reg_id); }
-
 inline REG_ADDR make_rec(uint8_t port, uint8_t plc, uint8_t type, uint8_t id, int32_t start,
                          int16_t width, uint8_t bcd = 0)
 {
