@@ -64,10 +64,6 @@ TEST(Addressing, WriteSplitting)
 
 TEST(Addressing, LocalBitPrimitives)
 {
-    local_bit = nullptr;
-    set_bit(5); // no area: nothing happens
-    EXPECT_EQ(get_bit(5), 0u);
-
     alignas(4) uint8_t area[16] = {};
     local_bit = area;
     local_areas_init(12, 0, 0);

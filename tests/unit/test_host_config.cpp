@@ -54,11 +54,8 @@ TEST(HostConfig, RejectsBadConfigurationsWithAMessageNamingTheField)
     const std::pair<std::string, const char*> cases[] = {
         {"mode = 1", "tcp_port is missing"},
         {"tcp_port = \"5020\"", "tcp_port must be an integer"},
-        {"tcp_port = 0", "tcp_port = 0 is out of range"},
-        {"tcp_port = 1\nplugin_dir = 3", "plugin_dir must be a string"},
         {"tcp_port = 1\n[[port]]\ndeviceport = 256", "port[0].deviceport = 256 is out of range 0..255"},
         {"tcp_port = 1\n[[port]]\n[[port]]\nslave_arg = 40000", "line 4: port[1].slave_arg = 40000"},
-        {"tcp_port = 1\n[[port]]\nline_value = -1", "port[0].line_value = -1 is out of range"},
         {"tcp_port = 1\n[[port]]\nplugin = \"\"", "plugin must be"},
         {"tcp_port = 1\nport = [1]", "port[0] must be a table"},
         {"tcp_port = 1\nlocal_bit_count = 10\ninitial_bits = [10]", "initial bit 10 is outside"},
@@ -91,14 +88,12 @@ TEST(HostConfig, ModbusKeysFillTheRecordOrNameTheBadValue)
 
     const std::pair<std::string, const char*> cases[] = {
         {"modbus_host = \"300.1.2.3\"", "port[0].modbus_host must be an IPv4 address"},
-        {"modbus_port = 0", "port[0].modbus_port = 0 is out of range 1..65535"},
         {"modbus_port = 502\ndrv_param2 = 502", "modbus_port and port[0].drv_param2 fill the same record bytes"},
         {"working_mode = 1\nmodbus_host = \"10.0.0.1\"", "modbus_host needs a Modbus TCP port"},
         {"modbus_host = \"10.0.0.1\"\nbaud = 9600", "baud needs a serial port"},
         {"baud = 1234", "baud = 1234 is not one of 300, 600"},
         {"parity = \"X\"", "parity must be \"N\", \"E\" or \"O\""},
         {"data_bits = 9", "data_bits = 9 is out of range 5..8"},
-        {"timeout_ms = 0", "timeout_ms = 0 is out of range"},
     };
     for (const auto& [keys, message] : cases) {
         const std::string error = error_of("tcp_port = 1\n[[port]]\nplugin = \"modbus\"\n" + keys);

@@ -39,7 +39,6 @@ protected:
         }
         return out;
     }
-    OPT_node* nth_block(int n) const { return n == 0 ? head->next : nth_block(n - 1)->next; }
     bool pass(int port = 1) { return rebuild_OPT_links(port, head, tail, cursor, limits); }
 
     // Starts afresh, registers the ranges in area (1, 1, 2, 3) and builds its blocks.
@@ -68,7 +67,6 @@ TEST_F(OptBuilder, MergesRangesIntoBlocks)
     };
     const std::vector<Case> cases = {
         {{{0, 100}}, 32, 0, {"0-32<0/100>", "32-64<0/100>", "64-96<0/100>", "96-100<0/100>"}},
-        {{{0, 10}, {5, 3}, {30, 40}}, 32, 10, {"0-10<0/10>", "30-62<30/40>", "62-70<30/40>"}},
         {{{100, 2}, {100, 1}, {103, 1}, {200, 10}}, 64, 2, {"100-104<100/2>", "200-210<200/10>"}},
         // A touching range that crosses the limit cuts the block at the limit.
         {{{0, 10}, {10, 10}}, 15, 0, {"0-15<0/10>", "15-20<10/10>"}},
@@ -121,29 +119,12 @@ TEST_F(OptBuilder, CursorLeavesDeletedAndRebuiltAreas)
 
     // The cursor advances onto the last area's block as that area goes:
     // nothing follows, so it parks on the head.
-    cursor = nth_block(2);
+    cursor = head->next->next->next;
     unreg_range(word(3, 0, 10));
     EXPECT_TRUE(pass(1));
     EXPECT_EQ(cursor, head);
     EXPECT_EQ(area_key(tail->prev->reg_addr), area_key(1, 1, 2, 2));
     EXPECT_TRUE(tables_consistent());
-}
-
-TEST_F(OptBuilder, EmptiedAndRefilledAreaIsRebuiltNotDeleted)
-{
-    reg(word(1, 0, 10));
-    unreg_range(word(1, 0, 10));   // emptied before any pass: never had blocks
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(fat_count(), 0);
-    EXPECT_EQ(head->next, tail);
-
-    reg(word(1, 0, 10));
-    pass(1);
-    unreg_range(word(1, 0, 10));
-    reg(word(1, 20, 4));   // refilled: change_state back to 1
-    EXPECT_TRUE(pass(1));
-    EXPECT_EQ(blocks(), Blocks{"20-24<20/4>"});
-    EXPECT_EQ(FAT_link_head->next->opt_first, head->next);
 }
 
 } // namespace

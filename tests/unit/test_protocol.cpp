@@ -1,10 +1,8 @@
-// Reply builders whose cases the end-to-end tests do not reach: swapped
-// halves, replies too large for the buffer, sub-read entries and a partial
-// bit view.
+// Reply builders whose cases the end-to-end tests do not reach: the checksum
+// at its lane boundaries, swapped halves and replies too large for the buffer.
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <vector>
 
 #include "base/protocol.h"
@@ -48,23 +46,6 @@ TEST(Protocol, SwappedReplyBeyondOldScratchSizeAndOversizedReplies)
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack_simens(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 15, 3, big.data()), PACKET_BUF_SIZE);
-}
-
-TEST(Protocol, SubReadEntries)
-{
-    uint8_t entry[16] = {};
-    const uint8_t data[] = {1, 2, 3, 4, 5};
-    EXPECT_EQ(produce_sub_read_ack_pack(entry, 5, data), 8u);
-    EXPECT_EQ(bytes(entry, 8), (Bytes{1, 5, 0, 1, 2, 3, 4, 5}));
-    EXPECT_EQ(produce_sub_read_ack_pack_simens(entry, 5, data), 8u);
-    EXPECT_EQ(bytes(entry, 8), (Bytes{1, 5, 0, 3, 4, 1, 2, 5}));
-
-    // Modbus bit view over words 0x8421, 0x00f0: 3 bits from bit 15 leave
-    // the rest of their byte alone.
-    const uint8_t words[] = {0x21, 0x84, 0xf0, 0x00};
-    std::memset(entry, 0xff, sizeof entry);
-    EXPECT_EQ(produce_sub_read_ack_pack_Modbus_Extend(entry, 3, words, 15), 4u);
-    EXPECT_EQ(entry[3], 0xf8 | 0x01);
 }
 
 }  // namespace
