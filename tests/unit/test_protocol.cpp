@@ -1,8 +1,10 @@
 // Reply builders whose cases the end-to-end tests do not reach: the checksum
-// at its lane boundaries, swapped halves and replies too large for the buffer.
+// at its lane boundaries, swapped halves, replies too large for the buffer
+// and multi-area entries.
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstring>
 #include <vector>
 
 #include "base/protocol.h"
@@ -46,6 +48,20 @@ TEST(Protocol, SwappedReplyBeyondOldScratchSizeAndOversizedReplies)
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack_simens(out.data(), head, PACKET_BUF_SIZE - 14, 3, big.data()), 0u);
     EXPECT_EQ(produce_read_ack_pack(out.data(), head, PACKET_BUF_SIZE - 15, 3, big.data()), PACKET_BUF_SIZE);
+}
+
+// Multi-area entries: [1][size][data] with the word-swapped form's halves
+// exchanged, and a Modbus bit view of 3 bits that leaves the rest of its byte.
+TEST(Protocol, SwappedSubReadEntryAndPartialBitView)
+{
+    uint8_t entry[8];
+    const uint8_t data[] = {1, 2, 3, 4, 5};
+    EXPECT_EQ(produce_sub_read_ack_pack_simens(entry, 5, data), 8u);
+    EXPECT_EQ(bytes(entry, 8), (Bytes{1, 5, 0, 3, 4, 1, 2, 5}));
+    const uint8_t words[] = {0x21, 0x84, 0xf0, 0x00}; // bits 15..17: 1, 0, 0
+    std::memset(entry, 0xff, sizeof entry);
+    EXPECT_EQ(produce_sub_read_ack_pack_Modbus_Extend(entry, 3, words, 15), 4u);
+    EXPECT_EQ(entry[3], 0xf9);
 }
 
 }  // namespace
