@@ -113,22 +113,16 @@ TEST(DataIntegrity, ByteAddressedRangesAndSplitWritesLandInPlace)
     batch.addr_unit = 1;
     EXPECT_EQ(itest::read_until_data(c, batch).data, le16s({0x1111, 0x2222, 0x3333, 0x4444}));
 
+    // Six words and twenty bits on a port that writes at most four words or ten bits at once.
     RegAddr words = rec(1, 1, 2, 3, 0, 6);
     words.addr_unit = 1;
-    const Bytes six = le16s({1, 2, 3, 4, 5, 6});
-    ASSERT_TRUE(c.write(words, six).pending());
-    ASSERT_TRUE(until_done([&] { return c.writecheck(words); }).ok);
-    Bytes got(12);
-    sim_mem_read(ctl, 1, 1, 3, 2, 0, 6, got.data());
-    EXPECT_EQ(got, six);
-
-    const RegAddr bits = rec(1, 1, 0, 4, 0, 20);
-    const Bytes pattern = {0xa5, 0x3c, 0x0f};
-    ASSERT_TRUE(c.write(bits, pattern).pending());
-    ASSERT_TRUE(until_done([&] { return c.writecheck(bits); }).ok);
-    got.assign(3, 0);
-    sim_mem_read(ctl, 1, 1, 4, 0, 0, 20, got.data());
-    EXPECT_EQ(got, pattern);
+    for (const auto& [r, data] : {std::pair{words, le16s({1, 2, 3, 4, 5, 6})}, {rec(1, 1, 0, 4, 0, 20), {0xa5, 0x3c, 0x0f}}}) {
+        ASSERT_TRUE(c.write(r, data).pending());
+        ASSERT_TRUE(until_done([&] { return c.writecheck(r); }).ok);
+        Bytes got(data.size());
+        sim_mem_read(ctl, 1, 1, r.kind, r.type, 0, r.count, got.data());
+        EXPECT_EQ(got, data) << int{r.type};
+    }
 }
 
 // A word area too short for the station words from 9432 and a bit area too

@@ -1,6 +1,6 @@
 // Local register areas and SRAM through a running server: com_read answers
 // what the test puts into the shared segment or the SRAM file, and writes
-// land there.
+// land there, through the C++ client library and the C interface.
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -58,22 +58,14 @@ TEST(LocalAreas, ReadsAndWritesReachTheSegmentAndTheSramFile)
     sram_io(50, le16s({0x0f0f, 0xf0f0}));
     EXPECT_TRUE(write(rec(0, 0, 0, 252, 50 * 16 + 14, 3), Bytes{0x05})); // bits 14, 15 of word 50, 0 of 51
     EXPECT_EQ(sram_io(50, Bytes(4), false), le16s({0x4f0f, 0xf0f1}));
-    // Relative to the base in local words 9000/9001: word 5 is data word 105.
+    // Relative to the base in local words 9000/9001: word 2 is data word 102.
     seg.set_word(9000, 100);
-    sram_io(105, le16s({0x5555}));
-    EXPECT_EQ(read(rec(0, 0, 2, 251, 5, 1)), le16s({0x5555}));
     EXPECT_TRUE(write(rec(0, 0, 2, 251, 2, 1), le16s({0x7777})));
     EXPECT_EQ(sram_io(102, Bytes(2), false), le16s({0x7777}));
     seg.set_word(9000, 0);
-}
 
-// The C interface against the real server: a local word written at once and
-// read back, a buffer too small for the reply, and a refused connection.
-TEST(LocalAreas, CInterfaceWritesAndReadsALocalWord)
-{
-    rig::Server server{rig::Config{}};
-    server.start();
-    ::close(server.connect_client()); // listening
+    // The C interface: a local word written and read back, a buffer too
+    // small for the reply, and a refused connection.
     comclient_conn* c = comclient_connect("127.0.0.1", static_cast<uint16_t>(server.tcp_port()), 2000);
     ASSERT_NE(c, nullptr);
     const comclient_reg_addr r{.type = 2, .kind = 255, .start = 40, .count = 1};

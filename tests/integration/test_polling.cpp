@@ -1,8 +1,7 @@
-// The polling engine end to end through the simulated plug-in: caches,
-// merged neighbouring ranges, a silent station and the data files.
+// The polling engine end to end through the simulated plug-in: caches, a
+// silent station and the data files.
 #include <cstdio>
 #include <fstream>
-#include <tuple>
 
 #include "itest_util.h"
 
@@ -16,7 +15,6 @@ using itest::rec;
 namespace {
 
 constexpr uint32_t kBus = 0;
-constexpr uint32_t kPortStateBit = 9500; // + port 0
 
 class Polling : public ::testing::Test {
 protected:
@@ -24,7 +22,7 @@ protected:
     {
         // Bit 9924: register data files on.
         sim_ = std::make_unique<itest::SimServer>(
-            rig::Config{.ports = {{.plc_driver_no = 5, .drv_param1 = kBus, .word_gap = 4}}, .initial_bits = {9924}});
+            rig::Config{.ports = {{.plc_driver_no = 5, .drv_param1 = kBus}}, .initial_bits = {9924}});
         sim_->server->start();
     }
     static void TearDownTestSuite() { sim_.reset(); }
@@ -54,24 +52,8 @@ TEST_F(Polling, RangesArePolledIntoTheirCachesAndDataFiles)
         sim_control_set_value(ctl(), kBus, 1, 3, 2, i, 0x100u + i);
     Client c = itest::connect(server());
     const RegAddr a = rec(0, 1, 2, 3, 10, 4);
-    const RegAddr b = rec(0, 1, 2, 3, 16, 2); // gap of 2 words, the port bridges 4
     EXPECT_TRUE(c.com_read(a).pending()) << "the first read registers the range";
     ASSERT_EQ(itest::read_until_data(c, a).data, le16s({0x10a, 0x10b, 0x10c, 0x10d}));
-
-    // Once the neighbour is registered every read of the station is the one block [10, 18).
-    c.register_areas(std::span(&b, 1));
-    const uint64_t from = sim_control_call_count(ctl());
-    uint64_t merged_at = 0;
-    ASSERT_TRUE(rig::eventually([&] {
-        for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, from)) {
-            if (call.count == 8) merged_at = call.seq;
-        }
-        return merged_at != 0;
-    }));
-    ASSERT_TRUE(itest::wait_reads(ctl(), kBus, 1, merged_at, 10));
-    for (const SimCall& call : itest::reads_of(ctl(), kBus, 1, merged_at))
-        EXPECT_EQ(std::tuple(call.reg_id, call.start, call.count), std::tuple(3, 10, 8));
-    EXPECT_EQ(itest::read_until_data(c, b).data, le16s({0x110, 0x111}));
 
     // The caches and the data file keep following the station; the data file
     // holds status 1 and word k at data byte 2k.
@@ -89,15 +71,12 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
     Client c = itest::connect(server());
     const RegAddr r = rec(0, 3, 2, 3, 0, 1);
     ASSERT_EQ(itest::read_until_data(c, r).data, le16s({0x3333}));
-    itest::Segment seg(server().shmid(), false);
-    EXPECT_FALSE(seg.bit(kPortStateBit));
 
     const size_t mark = server().output().size();
     sim_control_set_station(ctl(), kBus, 3, SIM_TIMEOUT, 0);
     EXPECT_TRUE(rig::eventually([&] { return itest::is_error(c.com_read(r), 2); }));
     EXPECT_TRUE(server().wait_for("Plc(3) NG\n[C", 5s, mark)) << server().output().substr(mark);
     EXPECT_EQ(server().count("Plc(3) NG"), 1u); // printed at the first time-out only
-    EXPECT_TRUE(seg.bit(kPortStateBit));
     EXPECT_TRUE(rig::eventually([&] { return data_file(3, 0, 4) == status(2); }));
     EXPECT_EQ(data_file(3, 4, 2), le16s({0x3333})); // a failed read keeps the data
 
@@ -105,7 +84,6 @@ TEST_F(Polling, SilentStationIsReportedAndRecovers)
     sim_control_set_value(ctl(), kBus, 3, 3, 2, 0, 0x3334);
     sim_control_set_station(ctl(), kBus, 3, SIM_OK, 0);
     EXPECT_TRUE(server().wait_for("Plc(3) OK\n[C", 5s, ok_mark)) << server().output().substr(ok_mark);
-    EXPECT_TRUE(rig::eventually([&] { return !seg.bit(kPortStateBit); }));
     EXPECT_EQ(itest::read_until_data(c, r).data, le16s({0x3334}));
     EXPECT_TRUE(rig::eventually([&] { return data_file(3, 0, 4) == status(1); }));
 }

@@ -20,6 +20,7 @@ namespace {
 
 // Port i polls simulated bus i: port 0 with driver 5, port 1 with Modbus driver 50.
 constexpr uint8_t kHeartbeat = 9; // station kept polled on both ports
+constexpr uint32_t kKeepOnUnregisterBit = 9261; // table flag 13
 
 Bytes concat(std::initializer_list<Bytes> parts)
 {
@@ -30,18 +31,6 @@ Bytes concat(std::initializer_list<Bytes> parts)
 }
 
 Bytes slice(const Bytes& b, size_t from, size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
-
-// Sends b cut at the given offsets, pausing so that each piece arrives alone.
-void send_pieces(Client& c, const Bytes& b, std::initializer_list<size_t> cuts)
-{
-    size_t from = 0;
-    for (size_t to : cuts) {
-        c.send_raw(slice(b, from, to));
-        std::this_thread::sleep_for(50ms);
-        from = to;
-    }
-    c.send_raw(slice(b, from, b.size()));
-}
 
 // A local word read: answered at once, without the port threads.
 RegAddr local_words(int32_t start, int16_t count) { return rec(0, 0, 2, 249, start, count); }
@@ -154,10 +143,6 @@ TEST_F(Protocol, FramingOfSplitCoalescedAndUnknownRequests)
                        comclient::encode_record(Command::com_read, rec(0, 10, 2, 3, 0, 2))}));
     EXPECT_EQ(c.receive_reply().packet, (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 4, 0, 3, 0, 1, 4}));
 
-    // One request in three pieces, the first one shorter than the header.
-    send_pieces(c, read, {5, 15});
-    EXPECT_EQ(c.receive_reply().data, itest::le16s({0x1234, 0x5678}));
-
     // Three requests in one send: three replies, in request order, byte-exact.
     const Bytes reg0 = comclient::make_packet(1, Bytes{0});
     c.send_raw(concat({reg0, read, comclient::make_packet(2, Bytes{0})}));
@@ -166,15 +151,31 @@ TEST_F(Protocol, FramingOfSplitCoalescedAndUnknownRequests)
     EXPECT_EQ(c.receive_reply().packet, concat({head, {9, 0, 3, 1, 4, 0, 0x34, 0x12, 0x78, 0x56, 0x1c}}));
     EXPECT_EQ(c.receive_reply().packet, concat({head, {3, 0, 2, 1, 3}}));
 
-    // Piece boundaries inside packets: the end of one and the start of the next together.
-    send_pieces(c, concat({read, reg0}), {20, read.size() + 4});
-    EXPECT_EQ(c.receive_reply().command, 3);
+    // Pieces: the first shorter than the header, one inside a packet, then
+    // the end of one packet and the start of the next together.
+    const Bytes both = concat({read, reg0});
+    size_t from = 0;
+    for (const size_t to : {size_t{5}, size_t{15}, read.size() + 4, both.size()}) {
+        c.send_raw(slice(both, from, to));
+        std::this_thread::sleep_for(50ms); // so that each piece arrives alone
+        from = to;
+    }
+    EXPECT_EQ(c.receive_reply().data, itest::le16s({0x1234, 0x5678}));
     EXPECT_EQ(c.receive_reply().command, 1);
     EXPECT_EQ(c.recv_raw(64, 100ms).status, comclient::RawStatus::timeout); // nothing more
 }
 
 TEST_F(Protocol, FramingErrorsCloseOnlyTheirConnection)
 {
+    itest::Segment seg(server().shmid(), true);
+    seg.set_word(330, 77);
+    Client good = itest::connect(server());
+    EXPECT_EQ(good.com_read(local_words(330, 1)).data, itest::le16s({77}));
+    // A connection stuck in the middle of a packet while the others are dropped.
+    Client stalled = itest::connect(server());
+    const Bytes read = comclient::encode_record(Command::com_read, local_words(330, 1));
+    stalled.send_raw(slice(read, 0, 12));
+
     // Each request closes its connection without a reply and prints the diagnostics.
     auto expect_dropped = [](const Bytes& request, const std::string& lines) {
         Client c = itest::connect(server());
@@ -183,7 +184,7 @@ TEST_F(Protocol, FramingErrorsCloseOnlyTheirConnection)
         EXPECT_TRUE(itest::closed_without_reply(c));
         EXPECT_TRUE(server().wait_for("checksum error 1\r\n" + lines, 5s, mark)) << server().output().substr(mark);
     };
-    Bytes bad = comclient::encode_record(Command::com_read, local_words(0, 1));
+    Bytes bad = read;
     const uint8_t sum = bad.back()++;
     expect_dropped(bad, "package_len = 18\r\nResult = " + std::to_string(sum) + "\r\nExpected = " +
                             std::to_string(bad.back()) + "\r\n");
@@ -192,45 +193,29 @@ TEST_F(Protocol, FramingErrorsCloseOnlyTheirConnection)
     // package_len 5000 cannot fit the 4096-byte packet buffer.
     expect_dropped({1, 0, 0, 0, 0, 0, 0, 0, 0x88, 0x13, 3, 0, 0}, "package_len = 5000\r\n");
 
-    itest::Segment seg(server().shmid(), true);
-    seg.set_word(330, 77);
-    Client good = itest::connect(server());
-    EXPECT_EQ(good.com_read(local_words(330, 1)).data, itest::le16s({77}));
-    // A connection stuck in the middle of a packet, and one dropped for garbage.
-    Client stalled = itest::connect(server());
-    const Bytes read = comclient::encode_record(Command::com_read, local_words(330, 1));
-    stalled.send_raw(slice(read, 0, 12));
-    Client bad_client = itest::connect(server());
-    bad_client.send_raw(Bytes(40, 0xff));
-    EXPECT_TRUE(itest::closed_without_reply(bad_client));
-
     seg.set_word(330, 78);
     EXPECT_EQ(good.com_read(local_words(330, 1)).data, itest::le16s({78}));
-    const RegAddr plc = rec(0, 14, 2, 3, 0, 1);
-    EXPECT_TRUE(good.com_read(plc).pending());
-    EXPECT_EQ(itest::read_until_data(good, plc).kind, ReplyKind::data);
     // The stalled one is still served once its packet is complete.
     stalled.send_raw(slice(read, 12, read.size()));
     EXPECT_EQ(stalled.receive_reply().data, itest::le16s({78}));
 }
 
-// With table flag 13 (local bit 9261) set, unregister answers as usual but
-// removes nothing: the range stays polled and cached.
-TEST(ProtocolKeepFlag, UnregisterLeavesRangesInPlace)
+// With the keep flag set, unregister answers as usual but removes nothing:
+// the range stays polled and cached.
+TEST_F(Protocol, KeepFlagLeavesUnregisteredRangesInPlace)
 {
-    itest::SimServer sim({.ports = {{.plc_driver_no = 5}}, .initial_bits = {9261}});
-    sim.server->start();
-    sim_control_set_value(*sim.ctl, 0, 1, 3, 2, 7, 4321);
-
-    Client c = itest::connect(*sim.server);
-    const RegAddr r = rec(0, 1, 2, 3, 7, 1);
+    itest::Segment seg(server().shmid(), true);
+    sim_control_set_value(ctl(), 0, 15, 3, 2, 7, 4321);
+    Client c = itest::connect(server());
+    const RegAddr r = rec(0, 15, 2, 3, 7, 1);
     c.register_areas(std::span(&r, 1));
     ASSERT_EQ(itest::read_until_data(c, r).data, itest::le16s({4321}));
+    seg.set_bit(kKeepOnUnregisterBit, true);
     EXPECT_EQ(c.unregister_areas(std::span(&r, 1)).kind, ReplyKind::ack);
+    seg.set_bit(kKeepOnUnregisterBit, false);
     // A removed range would be registered afresh by this read and answer err 1.
     EXPECT_EQ(c.com_read(r).kind, ReplyKind::data);
-    EXPECT_TRUE(itest::wait_reads(*sim.ctl, 0, 1, sim_control_call_count(*sim.ctl), 20));
-    sim_control_set_value(*sim.ctl, 0, 1, 3, 2, 7, 4322);
+    sim_control_set_value(ctl(), 0, 15, 3, 2, 7, 4322);
     EXPECT_TRUE(rig::eventually([&] { return c.com_read(r).data == itest::le16s({4322}); }));
 }
 

@@ -29,39 +29,32 @@ void expect_listening(const rig::Server& s, std::chrono::milliseconds deadline =
 
 TEST(Startup, MixedConfigurationPrintsStartupLinesAndStartsThreads)
 {
-    rig::Server s({.ports = {port(1, 5), port('U', 5), port(160, 5), port(1, 65535), port(16, 7)}});
+    // After the first four ports, six CAN ports: one more than there are CAN slots.
+    std::vector<rig::PortSpec> ports = {port(1, 5), port('U', 5), port(160, 5), port(1, 65535)};
+    ports.resize(10, port(16, 7));
+    rig::Server s({.ports = ports});
     std::ofstream(s.dir() + "/spi") << "";
     s.start();
-    ASSERT_TRUE(s.wait_for("can process thread\r\n"));
+    ASSERT_TRUE(s.wait_for("too many CAN ports: port 9 gets no thread\r\n"));
+    ASSERT_TRUE(rig::eventually([&] { return s.count("can process thread\r\n") == 5; }));
     ASSERT_TRUE(s.wait_for("dev=\r\n")); // the 'U' port has no device path
     expect_listening(s);
 
     const std::string out = s.output();
-    const std::string head = "PORT=" + std::to_string(static_cast<int16_t>(s.tcp_port())) + "\r\nport_num=5\r\n";
+    const std::string head = "PORT=" + std::to_string(static_cast<int16_t>(s.tcp_port())) + "\r\nport_num=10\r\n";
     for (const std::string& line :
          {head + "release sem\nreleased\n", "working_mode=1\r\nplc_driver_no=5\r\n"s,
           "working_mode=85\r\nplc_driver_no=5\r\n"s, "working_mode=160\r\nplc_driver_no=5\r\n"s,
           "working_mode=1\r\nplc_driver_no=65535\r\n"s, "working_mode=16\r\nplc_driver_no=7\r\n"s,
           "deviceport=0\r\ndev=/dev/ttyS1\r\n"s, "SRAM open error\r\n"s}) // no SRAM file: normal lines
         EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
-    // Two polling threads (serial and 'U'), one CAN thread, none for the rest.
+    // Two polling threads (serial and 'U'), five CAN threads, none for the rest.
     EXPECT_EQ(s.count("process thread\r\n") - s.count("can process thread\r\n"), 2u);
-    EXPECT_EQ(s.count("can process thread\r\n"), 1u);
+    EXPECT_EQ(s.count("can process thread\r\n"), 5u);
 
     // The server wrote its pid into the header.
     const itest::Segment seg(s.shmid(), false);
     EXPECT_EQ(reinterpret_cast<const shm_head*>(seg.base())->server_pid, static_cast<uint32_t>(s.server_pid()));
-}
-
-TEST(Startup, SwappedSerialLinesFromSramFlag)
-{
-    rig::Server s({.ports = {port(1, 5), port(1, 5)}});
-    std::string sram(2048, '\0');
-    sram[550] = 1;
-    std::ofstream(s.dir() + "/sram", std::ios::binary) << sram;
-    s.start();
-    ASSERT_TRUE(s.wait_for("deviceport=1\r\ndev=/dev/ttyS1\r\n"));
-    EXPECT_NE(s.output().find("deviceport=0\r\ndev=/dev/ttyS2\r\n"), std::string::npos);
 }
 
 TEST(Startup, LoaderMessagesForMissingLibraryMissingInit2AndDriver106)
@@ -86,22 +79,22 @@ TEST(Startup, LoaderMessagesForMissingLibraryMissingInit2AndDriver106)
     EXPECT_NE(out.find("plc_driver_no=106\r\n"), std::string::npos);
 }
 
-TEST(Startup, BusyTcpPortIsRetriedUntilFree)
+// The SRAM swap flag exchanges the first two serial lines; a busy TCP port
+// is retried until it is free; nothing outlives the stop.
+TEST(Startup, SwappedSerialLinesBusyTcpPortAndCleanStop)
 {
     const int blocker = rig::listen_socket();
-    rig::Server s({.tcp_port = rig::local_port(blocker)});
+    rig::Server s({.ports = {port(1, 5), port(1, 5)}, .tcp_port = rig::local_port(blocker)});
+    std::string sram(2048, '\0');
+    sram[550] = 1;
+    std::ofstream(s.dir() + "/sram", std::ios::binary) << sram;
     s.start();
     ASSERT_TRUE(rig::eventually([&] { return s.count(" Bind socket error\r\n") >= 2; }, 10s));
     ::close(blocker);
     expect_listening(s, 10s);
-}
+    ASSERT_TRUE(s.wait_for("deviceport=1\r\ndev=/dev/ttyS1\r\n"));
+    EXPECT_NE(s.output().find("deviceport=0\r\ndev=/dev/ttyS2\r\n"), std::string::npos);
 
-TEST(Startup, NoIpcObjectsOrProcessesLeftAfterStop)
-{
-    rig::Server s({.ports = {port(1, 5)}});
-    s.start();
-    ASSERT_GE(s.shmid(), 0);
-    ASSERT_GE(s.semid(), 0);
     s.stop();
     shmid_ds info{};
     EXPECT_EQ(::shmctl(s.shmid(), IPC_STAT, &info), -1);
@@ -114,15 +107,4 @@ TEST(Startup, BadArgumentsEndTheServerWithAMessage)
     EXPECT_EQ(itest::run_program(COMSERVER_PATH, {"1", "2"}).out, "usage: comserver MODE SHMID SEMID\r\n");
     const std::string out = itest::run_program(COMSERVER_PATH, {"1", "-1", "-1"}).out;
     EXPECT_EQ(out.rfind("shmat error: ", 0), 0u) << out;
-}
-
-TEST(Startup, SixthCanPortGetsNoThread)
-{
-    rig::Server s({.ports = std::vector<rig::PortSpec>(6, port(16, 7))});
-    std::ofstream(s.dir() + "/spi") << "";
-    s.start();
-    ASSERT_TRUE(s.wait_for("too many CAN ports: port 5 gets no thread\r\n"));
-    ASSERT_TRUE(rig::eventually([&] { return s.count("can process thread\r\n") == 5; }));
-    expect_listening(s);
-    EXPECT_EQ(s.count("can process thread\r\n"), 5u);
 }
