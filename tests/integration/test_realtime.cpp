@@ -72,15 +72,6 @@ TEST(Realtime, RequestsAreQueuedServedAndCollected)
         c.unregister_areas(std::span(&cached, 1)); // an idle port keeps the call log short
     }
     {
-        SCOPED_TRACE("ping-pong on a local word is answered at once");
-        const RegAddr local = rec(0, 0, 2, 255, 300, 1);
-        const RwOper pp{.op = 4, .step = 150, .high = 100, .direction = 1}; // swings between 0 and 100
-        const Reply up = c.realtime_rw(local, pp);
-        EXPECT_EQ(up.kind, ReplyKind::result);
-        EXPECT_EQ(up.result, 0) << "the upper limit turns the direction";
-        EXPECT_EQ(c.com_read(local).data, le16s({100}));
-    }
-    {
         SCOPED_TRACE("realtime read of a station that does not answer: three tries");
         ASSERT_TRUE(sim_control_set_station(ctl, kBus, 5, SIM_TIMEOUT, 0));
         const RegAddr r = rec(0, 5, 2, kKind, 0, 1);
