@@ -1,6 +1,7 @@
 // The register address record every layer passes around, the size of the
-// data it names, and the local bit primitives. The record's layout is the
-// wire layout: never reorder or pad it.
+// data it names, the local bit primitives and the outcome statuses of ranges
+// and requests. The record's layout is the wire layout: never reorder or pad
+// it.
 #pragma once
 
 #include <cstddef>
@@ -101,3 +102,14 @@ int16_t cal_commbuf_size(uint8_t reg_type, int16_t reg_data_width);
 uint32_t get_bit(int n);
 void set_bit(int n);
 void clear_bit(int n);
+
+// Outcome stored in a range (ORG_node::status, part_status) and in a
+// realtime request (RORT_node::status). The values are the err bytes the
+// client protocol answers for 2 and 3, and they are what the data files
+// record; never renumber them.
+enum : int16_t {
+    STATUS_PENDING = 0,    // no outcome yet: a range not read yet, a request not served yet
+    STATUS_OK = 1,         // valid data / done
+    STATUS_NO_ANSWER = 2,  // the PLC did not answer
+    STATUS_FAILED = 3,     // the driver or the request failed
+};

@@ -15,7 +15,6 @@
 #include "base/ignore_result.h"
 #include "base/paths.h"
 #include "store/addressing.h"
-#include "tables/tables.h"
 
 namespace {
 

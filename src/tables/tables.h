@@ -34,17 +34,6 @@ struct FAT_node {
     OPT_node* opt_first;
 };
 
-// Outcome stored in a range (ORG_node::status, part_status) and in a
-// realtime request (RORT_node::status). The values are the err bytes the
-// client protocol answers for 2 and 3, and they are what the data files
-// record; never renumber them.
-enum : int16_t {
-    STATUS_PENDING = 0,    // no outcome yet: a range not read yet, a request not served yet
-    STATUS_OK = 1,         // valid data / done
-    STATUS_NO_ANSWER = 2,  // the PLC did not answer
-    STATUS_FAILED = 3,     // the driver or the request failed
-};
-
 // Kinds of realtime request (RORT_node::req_type).
 enum : int16_t {
     REQ_READ = 0,
