@@ -66,7 +66,7 @@ std::string bridge_config(int server_port, int broker_port, int stations)
 
 bool measure(int stations)
 {
-    rig::Server server(rig::Config{.ports = {rig::PortSpec{}}});
+    rig::Server server(rig::Config{.ports = {rig::PortSetup{}}});
     server.start();
     // The subscriber must not be the bottleneck: it takes QoS 0 and the
     // broker queues any number of messages for it.

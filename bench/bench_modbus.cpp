@@ -102,7 +102,7 @@ std::string measure(std::chrono::microseconds response_time)
 {
     itest::ModbusPeer peer;
     peer.set_delay(response_time);
-    rig::PortSpec p;
+    rig::PortSetup p;
     p.working_mode = 'U';
     p.plc_driver_no = 50;
     p.plugin = "modbus";

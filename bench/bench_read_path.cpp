@@ -222,7 +222,7 @@ int main()
     const Options o = options();
     const EchoServer echo;  // forked before any thread starts
     rig::Config cfg;
-    cfg.ports = {rig::PortSpec{}};
+    cfg.ports = {rig::PortSetup{}};
     cfg.env = {{"COMSERVER_SWEEP_SECONDS", "86400"}};
     rig::Server server(cfg);
     server.start();

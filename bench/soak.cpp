@@ -573,7 +573,7 @@ rig::Config server_config(int ports)
 {
     rig::Config cfg;
     for (int p = 0; p < ports; ++p) {
-        rig::PortSpec port;
+        rig::PortSetup port;
         port.drv_param1 = static_cast<uint32_t>(p); // the simulated bus is the port number
         cfg.ports.push_back(port);
     }

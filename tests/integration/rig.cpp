@@ -191,7 +191,7 @@ void Server::write_config() const
         f << (i ? ", " : "") << cfg_.initial_bits[i];
     f << "]\n";
     for (size_t i = 0; i < cfg_.ports.size(); ++i) {
-        const PortSpec& p = cfg_.ports[i];
+        const PortSetup& p = cfg_.ports[i];
         f << "\n[[port]]\ndeviceport = " << (p.deviceport < 0 ? static_cast<int>(i) : p.deviceport)
           << "\nworking_mode = " << p.working_mode << "\nplc_driver_no = " << p.plc_driver_no
           << (p.drv_param1 ? "\ndrv_param1 = " + std::to_string(p.drv_param1) : "")

@@ -16,7 +16,7 @@
 
 namespace rig {
 
-struct PortSpec {
+struct PortSetup {
     int deviceport = -1;        // -1: the port's index
     int working_mode = 1;
     int plc_driver_no = 5;
@@ -30,7 +30,7 @@ struct PortSpec {
 };
 
 struct Config {
-    std::vector<PortSpec> ports;
+    std::vector<PortSetup> ports;
     std::vector<int> initial_bits;
     std::map<std::string, std::string> env; // extra environment for comhost/comserver
     int tcp_port = 0;                       // 0: pick a free port

@@ -19,7 +19,7 @@ using itest::until_done;
 
 namespace {
 
-rig::PortSpec port(int driver, uint32_t bus, int max_words = 64, int max_bits = 256)
+rig::PortSetup port(int driver, uint32_t bus, int max_words = 64, int max_bits = 256)
 {
     return {.plc_driver_no = driver, .drv_param1 = bus, .max_words = max_words, .max_bits = max_bits};
 }

@@ -25,7 +25,7 @@ constexpr uint8_t kBitArea = 254;   // local bit area, bit access
 const int kLocalCount = rig::Config{}.local_word_count;  // and as many bits
 
 // Blocks longer than one Modbus request.
-rig::PortSpec modbus_port(const std::string& extra)
+rig::PortSetup modbus_port(const std::string& extra)
 {
     return {.plc_driver_no = 50, .max_words = 200, .plugin = "modbus", .extra = extra};
 }

@@ -12,7 +12,7 @@ using namespace std::string_literals;
 
 namespace {
 
-rig::PortSpec port(int working_mode, int driver, std::string plugin = "sim")
+rig::PortSetup port(int working_mode, int driver, std::string plugin = "sim")
 {
     return {.working_mode = working_mode, .plc_driver_no = driver, .plugin = std::move(plugin)};
 }
@@ -30,7 +30,7 @@ void expect_listening(const rig::Server& s, std::chrono::milliseconds deadline =
 TEST(Startup, MixedConfigurationPrintsStartupLinesAndStartsThreads)
 {
     // After the first four ports, six CAN ports: one more than there are CAN slots.
-    std::vector<rig::PortSpec> ports = {port(1, 5), port('U', 5), port(160, 5), port(1, 65535)};
+    std::vector<rig::PortSetup> ports = {port(1, 5), port('U', 5), port(160, 5), port(1, 65535)};
     ports.resize(10, port(16, 7));
     rig::Server s({.ports = ports});
     std::ofstream(s.dir() + "/spi") << "";

@@ -31,7 +31,7 @@ bool good(const Json& j, const Json& value)
 // memory may be set up between construction and start().
 class Plant {
 public:
-    Plant() : sim(rig::Config{.ports = {rig::PortSpec{.drv_param1 = kBus}}}) {}
+    Plant() : sim(rig::Config{.ports = {rig::PortSetup{.drv_param1 = kBus}}}) {}
 
     void start()
     {
