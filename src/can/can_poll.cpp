@@ -36,33 +36,6 @@ int foud_pdo_num(OPT_node* first, OPT_node* end)
     return n;
 }
 
-int can_blocks_per_call(OPT_node* first, int remaining)
-{
-    int blocks = 0;
-    int entries = 0;
-    for (OPT_node* b = first; blocks < remaining; b = b->next) {
-        const int e = block_entry_count(b);
-        if (entries + e > CAN_CALL_ENTRIES) {
-            break;
-        }
-        entries += e;
-        ++blocks;
-    }
-    return blocks;
-}
-
-namespace {
-
-OPT_node* advance(OPT_node* b, int n)
-{
-    for (int i = 0; i < n; ++i) {
-        b = b->next;
-    }
-    return b;
-}
-
-} // namespace
-
 void can_poll_blocks(CanPort& t)
 {
     if (t.drv.canopen_read == nullptr) {
@@ -73,7 +46,7 @@ void can_poll_blocks(CanPort& t)
     int remaining = foud_pdo_num(block, t.list_tail);
     bool first_call = true;
     while (remaining > 0) {
-        const int blocks = can_blocks_per_call(block, remaining);
+        const int blocks = blocks_fitting(block, remaining, CAN_CALL_ENTRIES);
         if (blocks == 0) {
             // A block wider than one call cannot be read; the limits never
             // build one, so this only guards against a foreign list.
@@ -98,7 +71,7 @@ void can_poll_blocks(CanPort& t)
             refresh_bat_ORG(block, t.entries.data(), t.buf, blocks, status);
         }
         first_call = false;
-        block = advance(block, blocks);
+        block = advance_blocks(block, blocks);
         remaining -= blocks;
     }
 

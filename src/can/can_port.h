@@ -57,11 +57,6 @@ OPT_limits can_block_limits(const com_port_info& rec);
 // Number of blocks from first up to, not including, end.
 int foud_pdo_num(OPT_node* first, OPT_node* end);
 
-// How many of the `remaining` blocks from first on go into one batch call:
-// the leading blocks whose entries add up to at most CAN_CALL_ENTRIES.
-// 0 when the first block alone has more entries than a call takes.
-int can_blocks_per_call(OPT_node* first, int remaining);
-
 // Reads every block of the list in batch calls and refreshes their caches;
 // counts failed calls and re-initialises the bridge after too many.
 void can_poll_blocks(CanPort& t);

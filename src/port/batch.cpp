@@ -29,14 +29,6 @@ bool batch_excluded(int reg_id, int driver)
     return !driver_traits(driver).batch_takes_reserved_ids && reg_id >= 128 && reg_id <= 133;
 }
 
-OPT_node* advance(OPT_node* node, int n)
-{
-    for (int i = 0; i < n && is_block(node); ++i) {
-        node = node->next;
-    }
-    return node;
-}
-
 } // namespace
 
 int bat_block_cost(const OPT_node* block)
@@ -110,18 +102,30 @@ int block_entry_count(const OPT_node* block)
     return r.reg_type == 0 ? 1 : std::max<int>(r.reg_data_width, 0);
 }
 
-int blocks_fitting(OPT_node* first, int n, int max_entries)
+int blocks_fitting(OPT_node* first, int n, int max_entries, int* entries)
 {
-    int entries = 0;
+    int total = 0;
     int count = 0;
     for (OPT_node* b = first; count < n && is_block(b); b = b->next) {
-        entries += block_entry_count(b);
-        if (entries > max_entries) {
+        const int e = block_entry_count(b);
+        if (total + e > max_entries) {
             break;
         }
+        total += e;
         ++count;
     }
+    if (entries != nullptr) {
+        *entries = total;
+    }
     return count;
+}
+
+OPT_node* advance_blocks(OPT_node* node, int n)
+{
+    for (int i = 0; i < n && is_block(node); ++i) {
+        node = node->next;
+    }
+    return node;
 }
 
 void fill_block_entries(const OPT_node* block, OmronEntry* out)
@@ -218,36 +222,17 @@ void poll_singly(PortThread& t, OPT_node* from)
     ::usleep(1);
 }
 
-// The leading blocks from b (at most `left`) that form one call: at most
-// BATCH_CHUNK_ENTRIES entries, whole blocks only. 0 when b alone has more
-// entries than one call carries.
-int chunk_blocks(OPT_node* b, int left, int& entries)
-{
-    entries = 0;
-    int count = 0;
-    for (; count < left && is_block(b); b = b->next) {
-        const int e = block_entry_count(b);
-        if (entries + e > BATCH_CHUNK_ENTRIES) {
-            break;
-        }
-        entries += e;
-        ++count;
-    }
-    return count;
-}
-
 int count_chunks(OPT_node* b, int left)
 {
     int chunks = 0;
     while (left > 0 && is_block(b)) {
-        int entries = 0;
-        int nb = chunk_blocks(b, left, entries);
+        int nb = blocks_fitting(b, left, BATCH_CHUNK_ENTRIES);
         if (nb == 0) {
             nb = 1; // read on its own
         } else {
             ++chunks;
         }
-        b = advance(b, nb);
+        b = advance_blocks(b, nb);
         left -= nb;
     }
     return chunks;
@@ -265,7 +250,7 @@ bool read_batch_chunks(PortThread& t, int n)
     int chunk_no = 0;
     while (left > 0 && is_block(b)) {
         int entries = 0;
-        const int nb = chunk_blocks(b, left, entries);
+        const int nb = blocks_fitting(b, left, BATCH_CHUNK_ENTRIES, &entries);
         if (nb == 0) {
             // Too many entries for one call: an ordinary block read.
             port_read_block(t, b);
@@ -304,7 +289,7 @@ bool read_batch_chunks(PortThread& t, int n)
             t.blocks_changed = true;
             return false;
         }
-        b = advance(b, nb);
+        b = advance_blocks(b, nb);
         e += entries;
         left -= nb;
     }
@@ -351,7 +336,7 @@ bool port_bat_opto_step(PortThread& t)
         t.blocks_changed = true;
     }
     refresh_bat_ORG(t.list_head->next, t.entries.data(), t.buf, n, status);
-    t.bat_last = advance(t.list_head, n);
+    t.bat_last = advance_blocks(t.list_head, n);
     t.bat_next = t.bat_last->next;
     ::usleep(1);
     t.batch_done = true;
@@ -381,6 +366,6 @@ void port_batch_cycle(PortThread& t)
         return;
     }
     if (more) {
-        poll_singly(t, advance(t.list_head, n)->next);
+        poll_singly(t, advance_blocks(t.list_head, n)->next);
     }
 }

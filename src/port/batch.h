@@ -36,8 +36,12 @@ int bat_block_cost(const OPT_node* block);
 int build_OMRON_buff(OPT_node* prev, OmronEntry* array, int n, int max_entries);
 // Entries a block expands to: 1 for a bit block, its width (at least 0) otherwise.
 int block_entry_count(const OPT_node* block);
-// How many of the n blocks from first on fit, whole, into max_entries entries.
-int blocks_fitting(OPT_node* first, int n, int max_entries);
+// How many of the (at most n) blocks from first on fit, whole, into one call
+// of max_entries entries; *entries, when given, gets their entry count. 0
+// when the first block alone has more entries than one call carries.
+int blocks_fitting(OPT_node* first, int n, int max_entries, int* entries = nullptr);
+// The node n blocks after `node`, stopping at the list's tail sentinel.
+OPT_node* advance_blocks(OPT_node* node, int n);
 
 // Writes the block_entry_count(block) entries of one block to out: one
 // entry for a bit block, one per register otherwise.
