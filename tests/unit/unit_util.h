@@ -42,13 +42,6 @@ inline testing::AssertionResult as_result(const std::string& broken)
 // registrations, unregistrations, sweeps and rebuilds.
 inline testing::AssertionResult tables_consistent() { return as_result(tables_check()); }
 
-// Every rule of one port's block list (table_checks.h).
-inline testing::AssertionResult opt_consistent(int port, OPT_node* head, OPT_node* tail, OPT_node* cursor,
-                                               const OPT_limits& limits)
-{
-    return as_result(opt_check(port, head, tail, cursor, limits));
-}
-
 // The ranges of the ORG list, in list order, as "start/width" strings.
 inline std::vector<std::string> org_ranges()
 {
@@ -57,14 +50,6 @@ inline std::vector<std::string> org_ranges()
         out.push_back(std::to_string(o->reg_addr.reg_addr_start) + "/" +
                       std::to_string(o->reg_addr.reg_data_width));
     return out;
-}
-
-inline int fat_count()
-{
-    int n = 0;
-    for (FAT_node* f = FAT_link_head->next; f != FAT_link_tail; f = f->next)
-        ++n;
-    return n;
 }
 
 // Empties the FAT and ORG lists (first use: creates them). FAT nodes, which
