@@ -137,30 +137,20 @@ Quality quality_of(const comclient::Reply& reply, size_t expected_bytes)
 
 comclient::RegAddr tag_record(const Tag& tag)
 {
+    // A float is read as two word registers per value.
+    comclient::RegType type = comclient::RegType::word;
+    if (tag.type == TagType::bit)
+        type = comclient::RegType::bit;
+    else if (tag.type == TagType::dword)
+        type = comclient::RegType::dword;
     comclient::RegAddr r;
     r.port = tag.port;
     r.station = tag.station;
     r.addr_unit = 0;
     r.kind = tag.kind;
     r.start = tag.start;
-    switch (tag.type) {
-    case TagType::bit:
-        r.type = static_cast<uint8_t>(comclient::RegType::bit);
-        r.count = tag.count;
-        break;
-    case TagType::word:
-        r.type = static_cast<uint8_t>(comclient::RegType::word);
-        r.count = tag.count;
-        break;
-    case TagType::dword:
-        r.type = static_cast<uint8_t>(comclient::RegType::dword);
-        r.count = tag.count;
-        break;
-    case TagType::float32:
-        r.type = static_cast<uint8_t>(comclient::RegType::word);
-        r.count = static_cast<int16_t>(2 * tag.count);
-        break;
-    }
+    r.type = static_cast<uint8_t>(type);
+    r.count = static_cast<int16_t>(tag.type == TagType::float32 ? 2 * tag.count : tag.count);
     return r;
 }
 

@@ -274,7 +274,10 @@ bool rebuild_OPT_links(int port, OPT_node* head, OPT_node* tail, OPT_node*& curs
         fat->change_state = AREA_CURRENT;
         from = fat->next;
     }
-    tables_checked();
-    opt_checked(port, head, tail, cursor, limits);
+    if (handled) {
+        // Only a pass that rebuilt something can have broken a rule.
+        tables_checked();
+        opt_checked(port, head, tail, cursor, limits);
+    }
     return handled;
 }

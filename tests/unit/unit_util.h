@@ -33,14 +33,13 @@ inline REG_ADDR make_rec(uint8_t port, uint8_t plc, uint8_t type, uint8_t id, in
     return REG_ADDR{0, port, plc, 0, type, id, 0, start, width, bcd, 0};
 }
 
-inline testing::AssertionResult as_result(const std::string& broken)
-{
-    return broken.empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << broken;
-}
-
 // Every rule of the FAT and ORG lists (table_checks.h), after any sequence of
 // registrations, unregistrations, sweeps and rebuilds.
-inline testing::AssertionResult tables_consistent() { return as_result(tables_check()); }
+inline testing::AssertionResult tables_consistent()
+{
+    const std::string broken = tables_check();
+    return broken.empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << broken;
+}
 
 // The ranges of the ORG list, in list order, as "start/width" strings.
 inline std::vector<std::string> org_ranges()
