@@ -87,11 +87,14 @@ void Process::spawn(const std::vector<std::string>& argv, const std::function<vo
     for (const std::string& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
+    // Emptied before the fork, so that a restarted process's output is never
+    // mistaken for what the previous run wrote.
+    std::ofstream(log, std::ios::trunc).close();
     pid_ = ::fork();
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0) {
-        const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         ::dup2(fd, 1);
         ::dup2(fd, 2);
         ::close(fd);
